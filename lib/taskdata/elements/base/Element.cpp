@@ -1,0 +1,606 @@
+#include "Element.h"
+
+#include "Element_list.h"
+#include "Element_man.h"
+
+#include <taskdata/attributes/base/LinkedID.h>
+#include <taskdata/attributes/base/String.h>
+#include <taskdata/attributes/base/UniqueID.h>
+#include <taskdata/common/XML_interface.h>
+
+#include <QDomElement>
+#include <QVarLengthArray>
+#include <QXmlStreamReader>
+#include <QXmlStreamWriter>
+
+#include <cstdio>
+
+namespace TC {
+namespace Task_data {
+namespace Elements {
+namespace Base {
+
+using Attributes::Base::Attribute;
+
+Element::Extras::~Extras()
+{
+    for (auto& a : attributes)
+        delete a.second;
+}
+
+Element::Element(const QWeakPointer<Element_man>& man) : m_man(man) {}
+
+Element::~Element() { delete m_extras; }
+
+Element::Extras& Element::extras()
+{
+    if (!m_extras)
+        m_extras = new Extras;
+    return *m_extras;
+}
+
+QSharedPointer<Element> Element::get_sp() const
+{
+    return const_cast<Element*>(this)->sharedFromThis();
+}
+
+void Element::handle_xml_version_change(int) {}
+
+bool Element::set(QSharedPointer<Element>& self, Element* other, bool copy_children, bool notify,
+                  QMap<QUuid, QUuid> guid_map, QSet<QByteArray> skip_attributes, bool copy_ids)
+{
+    if (!other || other->get_tag() != get_tag())
+        return false;
+    bool changed = false;
+    const unsigned n = _num_iso_attributes();
+    for (unsigned i = 0; i < n; ++i) {
+        Attribute* mine = _attribute(i);
+        const Attribute* theirs = other->_attribute(i);
+        if (!mine || !theirs)
+            continue;
+        if (skip_attributes.contains(QByteArray(mine->base_spec().name)))
+            continue;
+        if (!copy_ids && kind().id_index == int(i))
+            continue;
+        changed |= mine->set_from_other(theirs, self, notify);
+    }
+    if (other->m_extras) {
+        for (const auto& a : other->m_extras->attributes) {
+            Attribute* mine = extra_attribute(a.first);
+            if (!mine) {
+                mine = new Attributes::Base::Extra_string(a.first);
+                _add(a.first, mine);
+            }
+            changed |= mine->set_from_other(a.second, self, notify);
+        }
+        if (extras().parameters != other->m_extras->parameters) {
+            extras().parameters = other->m_extras->parameters;
+            changed = true;
+        }
+    }
+    if (copy_children) {
+        const unsigned lists = _num_element_lists();
+        for (unsigned l = 0; l < lists; ++l) {
+            Element_list* mine = _element_list(l);
+            Element_list* theirs = other->_element_list(l);
+            for (int i = 0; i < theirs->count(); ++i) {
+                QSharedPointer<Element> src = theirs->at(i);
+                QSharedPointer<Element> dst = i < mine->count() ? mine->at(i) : mine->create_element(m_man);
+                if (i >= mine->count()) {
+                    mine->add(dst, -1, notify);
+                    if (!copy_ids)
+                        dst->set_attributes_to_default(dst, false);
+                }
+                dst->set(dst, src.data(), true, notify, guid_map, skip_attributes, copy_ids);
+                changed = true;
+            }
+        }
+    }
+    return changed;
+}
+
+void Element::deregister_ids()
+{
+    QSharedPointer<Element_man> m = man();
+    if (m) {
+        if (Attributes::Base::UniqueID* id = id_attribute()) {
+            if (id->get_val() != 0)
+                m->deregister_uid(id->get_tag(), id->get_val());
+        }
+    }
+    const unsigned lists = _num_element_lists();
+    for (unsigned l = 0; l < lists; ++l) {
+        Element_list* list = _element_list(l);
+        for (const auto& c : list->elements())
+            c->deregister_ids();
+    }
+}
+
+void Element::release_links()
+{
+    QSharedPointer<Element_man> m = man();
+    if (!m)
+        return;
+    const unsigned n = _num_iso_attributes();
+    for (unsigned i = 0; i < n; ++i) {
+        Attribute* a = _attribute(i);
+        if (auto link = dynamic_cast<Attributes::Base::LinkedID*>(a))
+            m->forget_link(link);
+    }
+}
+
+bool Element::erase(QSharedPointer<Element>& self)
+{
+    deregister_ids();
+    if (m_parent_list) {
+        const int i = m_parent_list->index_of(this);
+        if (i >= 0)
+            m_parent_list->take(i, true);
+    }
+    return true;
+}
+
+QString Element::get_designator() const
+{
+    const int i = kind().designator_index;
+    if (i < 0)
+        return QString();
+    return static_cast<const Attributes::Base::String*>(attribute(unsigned(i)))->get_string();
+}
+
+QString Element::extra_description() const { return QString(); }
+
+Attributes::Base::String* Element::ptr_designator()
+{
+    const int i = kind().designator_index;
+    return i < 0 ? nullptr : static_cast<Attributes::Base::String*>(_attribute(unsigned(i)));
+}
+
+QString Element::get_individual_icon() const { return QString(); }
+
+bool Element::save_to_individual_xml(const QSharedPointer<Element>& self, QXmlStreamWriter* w, XML_interface& xi)
+{
+    if (!w)
+        return false;
+    return _save_xml(self, *w, xi, xml_part_all);
+}
+
+void Element::set_attributes_to_default(const QSharedPointer<Element>& self, bool notify)
+{
+    QSharedPointer<Element_man> m = man();
+    if (!m)
+        return;
+    const unsigned n = _num_iso_attributes();
+    for (unsigned i = 0; i < n; ++i)
+        _attribute(i)->set_to_default(self, *m, notify);
+}
+
+QString Element::get_attribute_tag(unsigned index) const
+{
+    const Kind_info& k = kind();
+    if (index >= k.num_attributes)
+        return QString();
+    return k.attribute_specs[index]->xml_name();
+}
+
+QDateTime Element::find_latest_time() const { return QDateTime(); }
+
+bool Element::find_closest_point(QPointF, QPointF&, bool, double*) const { return false; }
+
+QPointF Element::get_first_point() const { return QPointF(); }
+
+void Element::add_to_scene(QGraphicsScene&, Scene&) {}
+
+void Element::document_export_extra(Export_properties&) {}
+
+QString Element::_print(unsigned int indent) const
+{
+    QString out = QString(int(indent), QLatin1Char(' ')) + get_tag();
+    const unsigned n = _num_iso_attributes();
+    for (unsigned i = 0; i < n; ++i) {
+        const Attribute* a = attribute(i);
+        if (a->flags() & (Attribute::flag_present | Attribute::flag_valid))
+            out += QLatin1Char(' ') + a->xml_name() + QStringLiteral("=\"") + a->to_string() + QLatin1Char('"');
+    }
+    out += QLatin1Char('\n');
+    for (unsigned l = 0; l < _num_element_lists(); ++l) {
+        const Element_list* list = const_cast<Element*>(this)->_element_list(l);
+        for (const auto& c : list->elements())
+            out += c->_print(indent + 2);
+    }
+    return out;
+}
+
+bool Element::_to_xml(const QSharedPointer<Element>& self, QDomElement& dom, bool recurse)
+{
+    const unsigned n = _num_iso_attributes();
+    for (unsigned i = 0; i < n; ++i) {
+        Attribute* a = _attribute(i);
+        if (a->flags() & (Attribute::flag_present | Attribute::flag_valid) || a->base_spec().required)
+            a->to_xml(this, dom, a->xml_name());
+    }
+    if (m_extras)
+        for (const auto& a : m_extras->attributes)
+            a.second->to_xml(this, dom, a.first);
+    if (recurse) {
+        QDomDocument doc = dom.ownerDocument();
+        for (unsigned l = 0; l < _num_element_lists(); ++l) {
+            Element_list* list = _element_list(l);
+            for (const auto& c : list->elements()) {
+                QDomElement child = doc.createElement(c->get_tag());
+                c->_to_xml(c, child, true);
+                dom.appendChild(child);
+            }
+        }
+    }
+    Q_UNUSED(self)
+    return true;
+}
+
+bool Element::_from_xml(const QSharedPointer<Element>& self, const QSharedPointer<Element_man>&, QDomElement& dom,
+                        bool recurse)
+{
+    const QDomNamedNodeMap attrs = dom.attributes();
+    for (int i = 0; i < attrs.count(); ++i) {
+        const QDomAttr at = attrs.item(i).toAttr();
+        Attribute* a = find_attribute(at.name());
+        if (!a) {
+            a = new Attributes::Base::Extra_string(at.name());
+            _add(at.name(), a);
+        }
+        a->set_by_xml_value(self, at.value());
+    }
+    if (recurse) {
+        QHash<QString, int> counters;
+        for (QDomElement c = dom.firstChildElement(); !c.isNull(); c = c.nextSiblingElement()) {
+            Element_list* list = find_list(c.tagName());
+            if (!list)
+                continue;
+            const int index = counters[c.tagName()]++;
+            QSharedPointer<Element> child = index < list->count() ? list->at(index) : list->create_element(m_man);
+            if (index >= list->count())
+                list->add(child, -1, true);
+            child->_from_xml(child, man(), c, true);
+        }
+    }
+    return true;
+}
+
+Attribute* Element::find_attribute(QStringView name)
+{
+    const int i = attribute_index(name);
+    return i < 0 ? nullptr : _attribute(unsigned(i));
+}
+
+int Element::attribute_index(QStringView name) const
+{
+    const Kind_info& k = kind();
+    const int size = name.size();
+    for (unsigned i = 0; i < k.num_attributes; ++i) {
+        const char* n = k.attribute_specs[i]->name;
+        int j = 0;
+        while (j < size && n[j] && name[j].unicode() == uchar(n[j]))
+            ++j;
+        if (j == size && !n[j])
+            return int(i);
+    }
+    return -1;
+}
+
+Element_list* Element::find_list(QStringView tag)
+{
+    const Kind_info& k = kind();
+    if (tag.size() != 3)
+        return nullptr;
+    for (unsigned i = 0; i < k.num_lists; ++i) {
+        const char* t = k.list_tags[i];
+        if (tag[0].unicode() == uchar(t[0]) && tag[1].unicode() == uchar(t[1]) && tag[2].unicode() == uchar(t[2]))
+            return _element_list(i);
+    }
+    return nullptr;
+}
+
+Attributes::Base::UniqueID* Element::id_attribute()
+{
+    const int i = kind().id_index;
+    return i < 0 ? nullptr : static_cast<Attributes::Base::UniqueID*>(_attribute(unsigned(i)));
+}
+
+int Element::get_id() const
+{
+    auto id = const_cast<Element*>(this)->id_attribute();
+    return id ? id->get_val() : 0;
+}
+
+QUuid Element::get_guid() const
+{
+    auto id = const_cast<Element*>(this)->id_attribute();
+    return id ? id->get_guid() : QUuid();
+}
+
+QString Element::get_id_string() const
+{
+    auto id = const_cast<Element*>(this)->id_attribute();
+    return id && id->get_val() != 0 ? id->get_as_string() : QString();
+}
+
+QSharedPointer<Element> Element::root() const
+{
+    const Element* e = this;
+    while (e->m_parent)
+        e = e->m_parent;
+    return e->get_sp();
+}
+
+QVector<Attribute*> Element::extra_attributes() const
+{
+    QVector<Attribute*> out;
+    if (m_extras)
+        for (const auto& a : m_extras->attributes)
+            out.append(a.second);
+    return out;
+}
+
+Attribute* Element::extra_attribute(QStringView name) const
+{
+    if (!m_extras)
+        return nullptr;
+    for (const auto& a : m_extras->attributes)
+        if (a.first == name)
+            return a.second;
+    return nullptr;
+}
+
+void Element::_add(const QString& name, Attribute* attribute)
+{
+    Extras& x = extras();
+    for (auto& a : x.attributes) {
+        if (a.first == name) {
+            delete a.second;
+            a.second = attribute;
+            return;
+        }
+    }
+    x.attributes.append(qMakePair(name, attribute));
+}
+
+const QMap<QString, QVariant>& Element::extended_parameters() const
+{
+    static const QMap<QString, QVariant> none;
+    return m_extras ? m_extras->parameters : none;
+}
+
+void Element::set_extended_parameter(const QString& key, const QVariant& value)
+{
+    QMap<QString, QVariant>& p = extras().parameters;
+    auto it = p.find(key);
+    if (it != p.end() && *it == value)
+        return;
+    p.insert(key, value);
+    notify_changed(0);
+}
+
+bool Element::remove_extended_parameter(const QString& key)
+{
+    if (!m_extras || !m_extras->parameters.remove(key))
+        return false;
+    notify_changed(0);
+    return true;
+}
+
+QVector<QWeakPointer<QObject>>& Element::receivers() { return extras().receivers; }
+
+void Element::notify_attribute_updated(Attribute*) { notify_changed(0); }
+
+void Element::notify_changed(unsigned)
+{
+    QSharedPointer<Element_man> m = man();
+    const quint64 stamp = m ? m->bump_change_counter() : m_stamp + 1;
+    for (Element* e = this; e; e = e->m_parent) {
+        e->m_stamp = stamp;
+        if (e->m_parent_list)
+            e->m_parent_list->set_stamp(stamp);
+    }
+}
+
+bool Element::set_id(const QSharedPointer<Element>& self, int old_id, int new_id, const QString& prefix)
+{
+    register_lookup(self, old_id, new_id, prefix);
+    return true;
+}
+
+bool Element::save_xml(XML_interface& xi)
+{
+    Q_UNUSED(xi)
+    return false;
+}
+
+bool Element::_load_xml(const QSharedPointer<Element>& self, QXmlStreamReader& r, XML_interface& xi,
+                        XML_read_write_parts parts)
+{
+    if (parts & xml_part_attributes) {
+        const QXmlStreamAttributes attrs = r.attributes();
+        for (const QXmlStreamAttribute& at : attrs) {
+            const QStringRef name = at.name();
+            Attribute* a = find_attribute(QStringView(name));
+            if (!a) {
+                a = extra_attribute(QStringView(name));
+                if (!a) {
+                    a = new Attributes::Base::Extra_string(name.toString());
+                    _add(name.toString(), a);
+                }
+            }
+            a->set_by_xml_value(self, QStringView(at.value()));
+        }
+    }
+    if (parts & xml_part_children)
+        return load_children(self, r, xi);
+    if (parts & xml_part_end)
+        r.skipCurrentElement();
+    if (r.hasError()) {
+        xi.set_fail(xi.cur_infilepath(), r);
+        return false;
+    }
+    return true;
+}
+
+bool Element::load_children(const QSharedPointer<Element>& self, QXmlStreamReader& r, XML_interface& xi)
+{
+    const Kind_info& k = kind();
+    QVarLengthArray<int, 20> counters(int(k.num_lists));
+    for (int& c : counters)
+        c = 0;
+    QHash<QString, int> reference_counters;
+    static const QString uid_xfr = QStringLiteral("P231_UID_XFR");
+    static const QString guid_xfr = QStringLiteral("P231_GUID_XFR");
+    static const QString ext_par = QStringLiteral("P231_ExtendedPar");
+    while (!r.atEnd()) {
+        const QXmlStreamReader::TokenType t = r.readNext();
+        if (t == QXmlStreamReader::EndElement)
+            return true;
+        if (t != QXmlStreamReader::StartElement)
+            continue;
+        const QStringRef name = r.name();
+        const int list_index = [&] {
+            if (name.size() != 3)
+                return -1;
+            for (unsigned i = 0; i < k.num_lists; ++i) {
+                const char* tag = k.list_tags[i];
+                if (name.at(0).unicode() == uchar(tag[0]) && name.at(1).unicode() == uchar(tag[1]) &&
+                    name.at(2).unicode() == uchar(tag[2]))
+                    return int(i);
+            }
+            return -1;
+        }();
+        if (list_index >= 0) {
+            if (!_element_list(unsigned(list_index))->load_xml(self, r, xi, counters[list_index]++))
+                return false;
+            continue;
+        }
+        if (name == uid_xfr || name == guid_xfr) {
+            if (!load_individual_reference(self, r, xi, name == guid_xfr, reference_counters))
+                return false;
+            continue;
+        }
+        if (name == ext_par && xi.admits(QStringView(name))) {
+            const QXmlStreamAttributes attrs = r.attributes();
+            if (attrs.hasAttribute(QLatin1String("P231_key")) && attrs.hasAttribute(QLatin1String("P231_value")))
+                extras().parameters.insert(attrs.value(QLatin1String("P231_key")).toString(),
+                                           attrs.value(QLatin1String("P231_value")).toString());
+        }
+        r.skipCurrentElement();
+    }
+    if (r.hasError()) {
+        xi.set_fail(xi.cur_infilepath(), r);
+        return false;
+    }
+    return true;
+}
+
+bool Element::load_individual_reference(const QSharedPointer<Element>& self, QXmlStreamReader& r, XML_interface& xi,
+                                        bool by_guid, QHash<QString, int>& counters)
+{
+    const QXmlStreamAttributes attrs = r.attributes();
+    const QString tag = attrs.value(QLatin1String("TAG")).toString();
+    QString file;
+    if (by_guid) {
+        const QStringRef guid = attrs.value(QLatin1String("GUID"));
+        if (tag.isEmpty() || guid.isEmpty() || QUuid(guid.toString()).isNull()) {
+            printf("Bad GUID load %s:%s\n", tag.toUtf8().constData(), guid.toUtf8().constData());
+            r.skipCurrentElement();
+            return true;
+        }
+        file = QStringLiteral("%1_%2.XML").arg(tag, QUuid(guid.toString()).toString(QUuid::WithoutBraces));
+    } else {
+        bool ok = false;
+        const int id = attrs.value(QLatin1String("ID")).toInt(&ok);
+        if (!ok || id == 0 || tag.isEmpty()) {
+            printf("Bad GUID load %s:%d\n", tag.toUtf8().constData(), id);
+            r.skipCurrentElement();
+            return true;
+        }
+        file = QStringLiteral("%1_%2.XML").arg(tag).arg(id);
+    }
+    r.skipCurrentElement();
+    Element_list* list = find_list(tag);
+    if (!list)
+        return true;
+    // The referenced element takes the place of a child of its tag, so it shares the tag's counter.
+    const int index = counters[tag]++;
+    return list->load_individual_file(self, file, xi, index);
+}
+
+bool Element::_save_xml(const QSharedPointer<Element>& self, QXmlStreamWriter& w, XML_interface& xi,
+                        XML_read_write_parts parts)
+{
+    if (!xi.ok())
+        return false;
+    if (parts & xml_part_start)
+        w.writeStartElement(get_tag());
+    if (parts & xml_part_attributes) {
+        const int version = xi.format_version();
+        const bool keep = xi.keep_proprietary();
+        const unsigned n = _num_iso_attributes();
+        for (unsigned i = 0; i < n; ++i) {
+            Attribute* a = _attribute(i);
+            const Attribute::Spec& s = a->base_spec();
+            if (!(a->flags() & (Attribute::flag_present | Attribute::flag_valid)) && !s.required)
+                continue;
+            if (s.version > version)
+                continue;
+            if (!keep && s.is_proprietary())
+                continue;
+            a->save_xml(w, this, s.qname, xi);
+        }
+        if (keep && m_extras)
+            for (const auto& a : m_extras->attributes)
+                a.second->save_xml(w, this, a.first, xi);
+    }
+    if ((parts & xml_part_children) && xi.write_children()) {
+        const int version = xi.format_version();
+        const unsigned lists = _num_element_lists();
+        for (unsigned l = 0; l < lists; ++l) {
+            Element_list* list = _element_list(l);
+            if (list->version() > version || list->isEmpty())
+                continue;
+            if (!list->save_xml(self, w, xi))
+                return false;
+        }
+    }
+    if (xi.keep_proprietary() && m_extras) {
+        for (auto it = m_extras->parameters.constBegin(); it != m_extras->parameters.constEnd(); ++it) {
+            if (!it.value().canConvert<QString>())
+                continue;
+            w.writeEmptyElement(QStringLiteral("P231_ExtendedPar"));
+            w.writeAttribute(QStringLiteral("P231_key"), it.key());
+            w.writeAttribute(QStringLiteral("P231_value"), it.value().toString());
+        }
+    }
+    if (parts & xml_part_end)
+        w.writeEndElement();
+    if (w.hasError()) {
+        xi.set_fail(QStringLiteral("Write error on %1").arg(xi.cur_outfilepath()));
+        return false;
+    }
+    xi.increment_objects_done();
+    return xi.ok();
+}
+
+Element_locker_new::Element_locker_new(const QSharedPointer<Element>& element, int timeout_ms) : m_element(element)
+{
+    if (m_element)
+        m_locked = m_element->try_lock(timeout_ms);
+    if (!m_locked)
+        m_element.reset();
+}
+
+Element_locker_new::~Element_locker_new()
+{
+    if (m_locked)
+        m_element->unlock();
+}
+
+} // namespace Base
+} // namespace Elements
+} // namespace Task_data
+} // namespace TC

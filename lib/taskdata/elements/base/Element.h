@@ -1,0 +1,244 @@
+// Element: one node of the task data tree (a task, a partfield, a device, a point ...).
+//
+// Ownership: elements are held by QSharedPointer; a parent owns its children through its child
+// lists; links, managers, receivers and the client layer hold QWeakPointer only. An element
+// owns its fixed attributes (inline members of its kind), its extra attributes (read from a
+// file but not declared by the kind) and its extended parameters.
+// Threads: any thread may read or write an element while it holds the element's data lock
+// (Element_locker_new); the element's own operations assume the caller does.
+#pragma once
+
+#include <taskdata/attributes/base/Attribute.h>
+
+#include <QDateTime>
+#include <QEnableSharedFromThis>
+#include <QMap>
+#include <QMutex>
+#include <QPointF>
+#include <QSet>
+#include <QSharedPointer>
+#include <QUuid>
+#include <QVariant>
+#include <QVector>
+#include <QWeakPointer>
+
+class QXmlStreamReader;
+class QXmlStreamWriter;
+class QDomElement;
+class QGraphicsScene;
+class QWidget;
+class QObject;
+
+namespace TC {
+namespace Task_data {
+
+class XML_interface;
+class Export_properties;
+class Scene;
+
+namespace UI {
+class Chooser_level;
+}
+
+namespace Attributes {
+namespace Base {
+class String;
+class UniqueID;
+class LinkedID;
+} // namespace Base
+} // namespace Attributes
+
+namespace Elements {
+namespace Base {
+
+class Element_list;
+class Element_man;
+
+// What _load_xml and _save_xml handle: a bit set.
+using XML_read_write_parts = unsigned;
+constexpr XML_read_write_parts xml_part_start = 1;
+constexpr XML_read_write_parts xml_part_attributes = 2;
+constexpr XML_read_write_parts xml_part_children = 4;
+constexpr XML_read_write_parts xml_part_end = 8;
+constexpr XML_read_write_parts xml_part_extras = 16;
+constexpr XML_read_write_parts xml_part_all = 31;
+
+// Static description of an element kind, produced from the catalogue.
+struct KTD_EXPORT Kind_info
+{
+    const char* tag;          // XML code ("TSK"), also the identifier prefix
+    const char* class_name;   // "Task"
+    const char* display_name; // "Task"
+    unsigned num_attributes;
+    const Attributes::Base::Attribute::Spec* const* attribute_specs; // base spec per attribute index
+    unsigned num_lists;
+    const char* const* list_tags;
+    const int* list_versions;
+    int id_index;          // index of the UniqueID attribute, -1 when the kind has none
+    int designator_index;  // index of the designator attribute, -1 when none
+};
+
+class KTD_EXPORT Element : public QEnableSharedFromThis<Element>
+{
+public:
+    using Attribute = Attributes::Base::Attribute;
+
+    explicit Element(const QWeakPointer<Element_man>& man);
+    Element(const Element&) = delete;
+    Element& operator=(const Element&) = delete;
+
+    // --- virtual operations, in their fixed order ---
+    virtual ~Element();
+    virtual QSharedPointer<Element> get_sp() const;
+    virtual void handle_xml_version_change(int version);
+    virtual bool set(QSharedPointer<Element>& self, Element* other, bool copy_children, bool notify,
+                     QMap<QUuid, QUuid> guid_map, QSet<QByteArray> skip_attributes, bool copy_ids);
+    virtual bool erase(QSharedPointer<Element>& self);
+    virtual QSharedPointer<Element> create_new(const QSharedPointer<Element>& self,
+                                               const QWeakPointer<Element_man>& man) const = 0;
+    virtual QString get_tag() const = 0;
+    virtual QString get_name(int count = 1) const = 0;
+    virtual QString get_tr_name(int count = 1) const = 0;
+    virtual QString get_tr_attribute_name(int index) const = 0;
+    virtual UI::Chooser_level* create_chooser_level(QWidget* parent) = 0;
+    virtual QString get_designator() const;
+    virtual QString extra_description() const;
+    virtual Attributes::Base::String* ptr_designator();
+    virtual QString get_individual_icon() const;
+    virtual bool save_to_individual_xml(const QSharedPointer<Element>& self, QXmlStreamWriter* w, XML_interface& xi);
+    virtual void set_attributes_to_default(const QSharedPointer<Element>& self, bool notify);
+    virtual QString get_attribute_tag(unsigned index) const;
+    virtual QDateTime find_latest_time() const;
+    virtual bool find_closest_point(QPointF position, QPointF& closest, bool recurse, double* distance) const;
+    virtual QPointF get_first_point() const;
+    virtual void add_to_scene(QGraphicsScene& graphics, Scene& scene);
+    virtual void document_export_extra(Export_properties& props);
+    virtual QString _print(unsigned int indent) const;
+    virtual bool _to_xml(const QSharedPointer<Element>& self, QDomElement& dom, bool recurse);
+    virtual bool _from_xml(const QSharedPointer<Element>& self, const QSharedPointer<Element_man>& man,
+                           QDomElement& dom, bool recurse);
+    virtual bool _save_xml(const QSharedPointer<Element>& self, QXmlStreamWriter& w, XML_interface& xi,
+                           XML_read_write_parts parts);
+    virtual bool _load_xml(const QSharedPointer<Element>& self, QXmlStreamReader& r, XML_interface& xi,
+                           XML_read_write_parts parts);
+    virtual void _customise_edit_widget(QWidget* widget) = 0;
+    virtual void _customise_element_list(QWidget* widget) = 0;
+    virtual unsigned _num_iso_attributes() const = 0;
+    virtual unsigned _num_element_lists() const = 0;
+    virtual Attribute* _attribute(unsigned index) = 0;
+    virtual Attribute* _iso_attribute(const QString& name) = 0;
+    virtual Element_list* _element_list(unsigned index) = 0;
+    virtual Element_list* _element_list(const QString& tag) = 0;
+    virtual int _element_list_index(Element_list* list) = 0;
+    virtual void _customise_chooser(QWidget* widget) = 0;
+    virtual bool set_id(const QSharedPointer<Element>& self, int old_id, int new_id, const QString& prefix);
+    virtual void register_lookup(const QSharedPointer<Element>& self, int old_id, int new_id, const QString& prefix) = 0;
+    // The static description of the kind.
+    virtual const Kind_info& kind() const = 0;
+
+    // --- non-virtual entries ---
+    bool save_xml(const QSharedPointer<Element>& self, QXmlStreamWriter& w, XML_interface& xi,
+                  XML_read_write_parts parts = xml_part_all)
+    {
+        return _save_xml(self, w, xi, parts);
+    }
+    bool load_xml(const QSharedPointer<Element>& self, QXmlStreamReader& r, XML_interface& xi,
+                  XML_read_write_parts parts = xml_part_all)
+    {
+        return _load_xml(self, r, xi, parts);
+    }
+    // Writes the element through the interface's current writer.
+    bool save_xml(XML_interface& xi);
+    QString print(unsigned int indent = 0) const { return _print(indent); }
+
+    // Attribute by XML name without building a string; null when the kind has none of that name.
+    Attribute* find_attribute(QStringView name);
+    int attribute_index(QStringView name) const;
+    const Attribute* attribute(unsigned index) const { return const_cast<Element*>(this)->_attribute(index); }
+    Element_list* find_list(QStringView tag);
+
+    // --- identifiers ---
+    Attributes::Base::UniqueID* id_attribute();
+    int get_id() const;
+    QUuid get_guid() const;
+    QString get_id_string() const;
+
+    // --- tree ---
+    QSharedPointer<Element_man> man() const { return m_man.toStrongRef(); }
+    QWeakPointer<Element_man> weak_man() const { return m_man; }
+    void set_man(const QWeakPointer<Element_man>& man) { m_man = man; }
+    Element* parent_element() const { return m_parent; }
+    Element_list* parent_list() const { return m_parent_list; }
+    QSharedPointer<Element> root() const;
+
+    // --- extra content kept for round trips ---
+    QVector<Attribute*> extra_attributes() const;
+    Attribute* extra_attribute(QStringView name) const;
+    void _add(const QString& name, Attribute* attribute);
+    const QMap<QString, QVariant>& extended_parameters() const;
+    void set_extended_parameter(const QString& key, const QVariant& value);
+    bool remove_extended_parameter(const QString& key);
+
+    // --- change bookkeeping (receivers are registered by the event layer) ---
+    quint64 stamp() const { return m_stamp; }
+    void set_stamp(quint64 s) { m_stamp = s; }
+    // Raises the manager's change counter and stamps this element, its ancestors and its list.
+    void notify_attribute_updated(Attribute* attribute);
+    void notify_changed(unsigned update_type);
+    QVector<QWeakPointer<QObject>>& receivers();
+
+    // --- data lock ---
+    bool try_lock(int timeout_ms) { return timeout_ms < 0 ? (m_lock.lock(), true) : m_lock.tryLock(timeout_ms); }
+    void unlock() { m_lock.unlock(); }
+
+    // Drops this element's links from the manager's bookkeeping (called before destruction).
+    void release_links();
+    // Deregisters the identifiers of this element and its descendants.
+    void deregister_ids();
+
+protected:
+    friend class Element_list;
+    struct Extras
+    {
+        QVector<QPair<QString, Attribute*>> attributes; // in document order
+        QMap<QString, QVariant> parameters;
+        QVector<QWeakPointer<QObject>> receivers;
+        ~Extras();
+    };
+    Extras& extras();
+    bool load_children(const QSharedPointer<Element>& self, QXmlStreamReader& r, XML_interface& xi);
+    bool load_individual_reference(const QSharedPointer<Element>& self, QXmlStreamReader& r, XML_interface& xi,
+                                   bool by_guid, QHash<QString, int>& counters);
+
+    QWeakPointer<Element_man> m_man;
+    Element* m_parent = nullptr;
+    Element_list* m_parent_list = nullptr;
+    Extras* m_extras = nullptr;
+    quint64 m_stamp = 0;
+    QMutex m_lock;
+};
+
+// Scoped lock of one element's data. Keeps the element alive while it lives; when the pointer
+// is null or the lock cannot be had in time it holds nothing and every access fails softly.
+class KTD_EXPORT Element_locker_new
+{
+public:
+    Element_locker_new(const QSharedPointer<Element>& element, int timeout_ms = -1);
+    ~Element_locker_new();
+    Element_locker_new(const Element_locker_new&) = delete;
+    Element_locker_new& operator=(const Element_locker_new&) = delete;
+    bool locked() const { return m_locked; }
+    explicit operator bool() const { return m_locked; }
+    Element* operator->() const { return m_locked ? m_element.data() : nullptr; }
+    Element* get() const { return m_locked ? m_element.data() : nullptr; }
+    const QSharedPointer<Element>& element() const { return m_element; }
+
+private:
+    QSharedPointer<Element> m_element;
+    bool m_locked = false;
+};
+
+} // namespace Base
+} // namespace Elements
+} // namespace Task_data
+} // namespace TC

@@ -1,0 +1,216 @@
+#include "Element_list.h"
+
+#include "Element_man.h"
+
+#include <taskdata/attributes/base/UniqueID.h>
+#include <taskdata/common/XML_interface.h>
+
+#include <QBuffer>
+#include <QFile>
+#include <QXmlStreamReader>
+#include <QXmlStreamWriter>
+
+#include <cstdio>
+
+namespace TC {
+namespace Task_data {
+namespace Elements {
+namespace Base {
+
+Element_list::Element_list(Element* owner, const char* tag, int version) : m_owner(owner), m_tag(tag), m_version(version)
+{
+}
+
+Element_list::~Element_list()
+{
+    for (const auto& c : m_children) {
+        if (c->m_parent == m_owner) {
+            c->m_parent = nullptr;
+            c->m_parent_list = nullptr;
+        }
+    }
+}
+
+int Element_list::index_of(const Element* e) const
+{
+    for (int i = 0; i < m_children.size(); ++i)
+        if (m_children[i].data() == e)
+            return i;
+    return -1;
+}
+
+void Element_list::set_list(Element* child, Element* parent, Element_list* list, int)
+{
+    child->m_parent = parent;
+    child->m_parent_list = list;
+}
+
+bool Element_list::load_xml(const QSharedPointer<Element>& owner, QXmlStreamReader& r, XML_interface& xi, int index)
+{
+    QSharedPointer<Element> child;
+    if (index >= 0 && index < m_children.size()) {
+        child = m_children[index];
+    } else {
+        child = create_element(owner ? owner->weak_man() : m_owner->weak_man());
+        if (!child) {
+            r.skipCurrentElement();
+            return !r.hasError();
+        }
+        // Appended before reading so that the child already knows its parent (ancestor stamps,
+        // loop tests) while its attributes arrive; the add event is the one notification.
+        set_list(child.data(), m_owner, this, m_children.size());
+        m_children.append(child);
+        send_list_add_event(m_children.size() - 1);
+    }
+    return child->load_xml(child, r, xi, xml_part_all);
+}
+
+bool Element_list::save_xml(const QSharedPointer<Element>& owner, QXmlStreamWriter& w, XML_interface& xi)
+{
+    Q_UNUSED(owner)
+    if (xi.keep_proprietary() && xi.individual_save(QLatin1String(m_tag)))
+        return save_to_individual_files(w, xi);
+    for (const auto& c : m_children)
+        if (!c->save_xml(c, w, xi, xml_part_all))
+            return false;
+    return true;
+}
+
+bool Element_list::save_to_individual_files(QXmlStreamWriter& w, XML_interface& xi)
+{
+    for (const auto& c : m_children) {
+        const int id = c->get_id();
+        if (id == 0) {
+            // Without a number the element cannot be named; it stays in the parent's file.
+            if (!c->save_xml(c, w, xi, xml_part_all))
+                return false;
+            continue;
+        }
+        const QString name = QStringLiteral("%1_%2.XML").arg(QLatin1String(m_tag)).arg(id);
+        QByteArray data;
+        {
+            QBuffer buf(&data);
+            buf.open(QIODevice::WriteOnly);
+            QXmlStreamWriter fw(&buf);
+            fw.setAutoFormatting(true);
+            fw.writeStartDocument();
+            const QString previous = xi.cur_outfilename();
+            xi.set_cur_outfilename(name);
+            const bool ok = c->save_to_individual_xml(c, &fw, xi);
+            xi.set_cur_outfilename(previous);
+            fw.writeEndDocument();
+            if (!ok)
+                return false;
+        }
+        QString error;
+        if (!xi.write_file_atomic(xi.outfilepath(name), data, &error)) {
+            printf("Failed to generate %s.XML\n", name.left(name.size() - 4).toUtf8().constData());
+            xi.set_fail(error);
+            return false;
+        }
+        xi.note_used_file(name);
+        w.writeEmptyElement(QStringLiteral("P231_UID_XFR"));
+        w.writeAttribute(QStringLiteral("TAG"), QLatin1String(m_tag));
+        w.writeAttribute(QStringLiteral("ID"), QString::number(id));
+    }
+    return true;
+}
+
+bool Element_list::load_individual_file(const QSharedPointer<Element>& owner, const QString& filename,
+                                        XML_interface& xi, int index)
+{
+    const QString path = xi.infilepath(filename);
+    if (path.isEmpty())
+        return true;
+    QFile f(path);
+    if (!f.open(QIODevice::ReadOnly)) {
+        xi.add_warning(QStringLiteral("Could not open %1").arg(path));
+        return true;
+    }
+    QXmlStreamReader r(&f);
+    const QString previous = xi.cur_infilepath();
+    xi.set_cur_infilepath(path);
+    bool ok = true;
+    while (!r.atEnd()) {
+        if (r.readNext() == QXmlStreamReader::StartElement) {
+            if (r.name() == QLatin1String(m_tag))
+                ok = load_xml(owner, r, xi, index);
+            else
+                r.skipCurrentElement();
+            break;
+        }
+    }
+    if (ok && r.hasError()) {
+        xi.set_fail(path, r);
+        ok = false;
+    }
+    xi.set_cur_infilepath(previous);
+    return ok;
+}
+
+bool Element_list::add(const QSharedPointer<Element>& child, int index, bool notify)
+{
+    if (!child || !accepts(child.data()))
+        return false;
+    if (child->m_parent_list && child->m_parent_list != this) {
+        const int old = child->m_parent_list->index_of(child.data());
+        if (old >= 0)
+            child->m_parent_list->take(old, notify);
+    }
+    if (index < 0 || index > m_children.size())
+        index = m_children.size();
+    m_children.insert(index, child);
+    set_list(child.data(), m_owner, this, index);
+    if (notify)
+        send_list_add_event(index);
+    return true;
+}
+
+QSharedPointer<Element> Element_list::take(int index, bool notify)
+{
+    if (index < 0 || index >= m_children.size())
+        return QSharedPointer<Element>();
+    QSharedPointer<Element> c = m_children.takeAt(index);
+    c->m_parent = nullptr;
+    c->m_parent_list = nullptr;
+    if (notify)
+        send_list_remove_event(index);
+    return c;
+}
+
+void Element_list::clear(bool notify)
+{
+    while (!m_children.isEmpty())
+        take(m_children.size() - 1, notify);
+}
+
+QSharedPointer<Element> Element_list::create_and_add(bool notify)
+{
+    QSharedPointer<Element> e = create_element(m_owner->weak_man());
+    add(e, -1, notify);
+    e->set_attributes_to_default(e, false);
+    return e;
+}
+
+void Element_list::send_list_add_event(int)
+{
+    if (QSharedPointer<Element> o = m_owner->get_sp())
+        _notify_updated(o, 1);
+}
+
+void Element_list::send_list_remove_event(int)
+{
+    if (QSharedPointer<Element> o = m_owner->get_sp())
+        _notify_updated(o, 2);
+}
+
+void Element_list::_notify_updated(const QSharedPointer<Element>& element, unsigned update_type)
+{
+    element->notify_changed(update_type);
+    m_stamp = element->stamp();
+}
+
+} // namespace Base
+} // namespace Elements
+} // namespace Task_data
+} // namespace TC

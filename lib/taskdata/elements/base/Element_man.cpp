@@ -1,0 +1,363 @@
+#include "Element_man.h"
+
+#include <taskdata/attributes/base/LinkedID.h>
+#include <taskdata/attributes/base/UniqueID.h>
+#include <taskdata/common/File_lookup.h>
+
+#include <QDir>
+#include <QMutexLocker>
+
+#include <cstdio>
+#include <limits>
+
+namespace TC {
+namespace Task_data {
+namespace Elements {
+namespace Base {
+
+Element_lookup_base::~Element_lookup_base() = default;
+
+Element_man_base::Element_man_base(QObject* parent) : QObject(parent) {}
+Element_man_base::~Element_man_base() = default;
+
+void Element_man_base::set_task_data_dir(const QString& dir)
+{
+    QMutexLocker lock(&m_dir_mutex);
+    m_task_data_dir = dir;
+}
+
+QString Element_man_base::task_data_dir() const
+{
+    QMutexLocker lock(&m_dir_mutex);
+    return m_task_data_dir;
+}
+
+QString Element_man_base::find_file(const QString& name) const
+{
+    const QString dir = task_data_dir();
+    if (dir.isEmpty())
+        return QString();
+    return File_lookup::find(dir, name).path;
+}
+
+Element_man::Element_man(QObject* parent) : Element_man_base(parent) {}
+
+Element_man::~Element_man()
+{
+    // The tree goes first so that its elements can still reach the registry while they leave.
+    m_root.reset();
+    m_link_list.reset();
+}
+
+QSharedPointer<Element_man> Element_man::create() { return QSharedPointer<Element_man>::create(); }
+
+bool Element_man::check_uid_free(const QString& prefix, int n) const
+{
+    QMutexLocker lock(&m_mutex);
+    const Registry& reg = registry_for(n);
+    auto it = reg.constFind(prefix);
+    return it == reg.constEnd() || !it->contains(n);
+}
+
+bool Element_man::register_uid(const QString& prefix, int n)
+{
+    QMutexLocker lock(&m_mutex);
+    auto& map = registry_for(n)[prefix];
+    if (!map.contains(n))
+        map.insert(n, QWeakPointer<Element>());
+    return true;
+}
+
+bool Element_man::deregister_uid(const QString& prefix, int n)
+{
+    QMutexLocker lock(&m_mutex);
+    Registry& reg = registry_for(n);
+    auto it = reg.find(prefix);
+    if (it == reg.end())
+        return false;
+    if (!it->remove(n)) {
+        if (n == 0)
+            return true;
+        printf("Tried to deregister a unique ID(%s%d) that does not exist\n", prefix.toUtf8().constData(), n);
+        return false;
+    }
+    const Key key(prefix, n);
+    auto g = m_guids.find(key);
+    if (g != m_guids.end()) {
+        m_guid_index.remove(*g);
+        m_guids.erase(g);
+    }
+    return true;
+}
+
+int Element_man::get_free_uid(const QString& prefix, bool positive) const
+{
+    QMutexLocker lock(&m_mutex);
+    constexpr int top = 2147483645;
+    if (positive) {
+        auto it = m_positive.constFind(prefix);
+        if (it == m_positive.constEnd() || it->isEmpty())
+            return 1;
+        const int largest = it->lastKey();
+        if (largest < top)
+            return largest + 1;
+        // Numbers are ascending: the first gap from 1 upwards is the answer.
+        qint64 candidate = 1;
+        for (auto k = it->constBegin(); k != it->constEnd() && candidate <= top; ++k) {
+            if (k.key() < candidate)
+                continue;
+            if (k.key() > candidate)
+                break;
+            ++candidate;
+        }
+        if (candidate <= top)
+            return int(candidate);
+        fprintf(stderr, "Coudln't find an ID\n");
+        return 0;
+    }
+    auto it = m_negative.constFind(prefix);
+    if (it == m_negative.constEnd() || it->isEmpty())
+        return -1;
+    const int smallest = it->firstKey();
+    if (smallest > -top)
+        return smallest - 1;
+    qint64 candidate = -1;
+    auto k = it->constEnd();
+    while (k != it->constBegin() && candidate >= -top) {
+        --k;
+        if (k.key() > candidate)
+            continue;
+        if (k.key() < candidate)
+            break;
+        --candidate;
+    }
+    if (candidate >= -top)
+        return int(candidate);
+    fprintf(stderr, "Coudln't find an ID\n");
+    return 0;
+}
+
+void Element_man::register_element(const QString& prefix, int n, const QSharedPointer<Element>& element)
+{
+    if (n == 0)
+        return;
+    {
+        QMutexLocker lock(&m_mutex);
+        registry_for(n)[prefix][n] = element;
+    }
+    if (element)
+        resolve_link(element, prefix, n);
+}
+
+QSharedPointer<Element> Element_man::lookup(const QString& prefix, int n) const
+{
+    QMutexLocker lock(&m_mutex);
+    const Registry& reg = registry_for(n);
+    auto it = reg.constFind(prefix);
+    if (it == reg.constEnd())
+        return QSharedPointer<Element>();
+    return it->value(n).toStrongRef();
+}
+
+QList<int> Element_man::registered_uids(const QString& prefix) const
+{
+    QMutexLocker lock(&m_mutex);
+    QList<int> out = m_negative.value(prefix).keys();
+    out += m_positive.value(prefix).keys();
+    return out;
+}
+
+QStringList Element_man::registered_prefixes() const
+{
+    QMutexLocker lock(&m_mutex);
+    QSet<QString> s;
+    for (auto it = m_positive.constBegin(); it != m_positive.constEnd(); ++it)
+        if (!it->isEmpty())
+            s.insert(it.key());
+    for (auto it = m_negative.constBegin(); it != m_negative.constEnd(); ++it)
+        if (!it->isEmpty())
+            s.insert(it.key());
+    QStringList out = s.values();
+    out.sort();
+    return out;
+}
+
+void Element_man::register_guid(const QString& prefix, int n, const QUuid& guid)
+{
+    if (n == 0)
+        return;
+    QMutexLocker lock(&m_mutex);
+    const Key key(prefix, n);
+    auto it = m_guids.find(key);
+    if (it != m_guids.end()) {
+        if (*it == guid)
+            return;
+        if (!it->isNull())
+            m_guid_index.remove(*it);
+        *it = guid;
+    } else {
+        m_guids.insert(key, guid);
+    }
+    if (!guid.isNull())
+        m_guid_index.insert(guid, key);
+}
+
+bool Element_man::lookup_guid(const QString& prefix, int n, QUuid& out) const
+{
+    QMutexLocker lock(&m_mutex);
+    auto it = m_guids.constFind(Key(prefix, n));
+    if (it == m_guids.constEnd() || it->isNull())
+        return false;
+    out = *it;
+    return true;
+}
+
+void Element_man::register_uid_for_guid(const QString& prefix, int n, const QUuid& guid)
+{
+    if (n == 0)
+        return;
+    if (guid.isNull()) {
+        QMutexLocker lock(&m_mutex);
+        if (!m_guids.contains(Key(prefix, n)))
+            m_guids.insert(Key(prefix, n), QUuid());
+        return;
+    }
+    register_guid(prefix, n, guid);
+    if (QSharedPointer<Element> e = lookup(prefix, n)) {
+        if (Attributes::Base::UniqueID* id = e->id_attribute())
+            id->set_guid(guid);
+        resolve_link(e, guid);
+    }
+}
+
+bool Element_man::lookup_uid_for_guid(const QUuid& guid, QString& prefix, int& n) const
+{
+    QMutexLocker lock(&m_mutex);
+    auto it = m_guid_index.constFind(guid);
+    if (it == m_guid_index.constEnd())
+        return false;
+    prefix = it->first;
+    n = it->second;
+    return true;
+}
+
+QVector<Element_man::Guid_entry> Element_man::guid_entries() const
+{
+    QMutexLocker lock(&m_mutex);
+    QVector<Guid_entry> out;
+    out.reserve(m_guids.size());
+    for (auto it = m_guids.constBegin(); it != m_guids.constEnd(); ++it) {
+        if (!it->isNull())
+            out.append({it.key().first, it.key().second, *it});
+    }
+    std::sort(out.begin(), out.end(), [](const Guid_entry& a, const Guid_entry& b) {
+        return a.prefix != b.prefix ? a.prefix < b.prefix : a.n < b.n;
+    });
+    return out;
+}
+
+void Element_man::resolve_link(Attributes::Base::LinkedID* link, const QString& tag, int n)
+{
+    QMutexLocker lock(&m_mutex);
+    auto p = m_pending_index.find(link);
+    if (p != m_pending_index.end()) {
+        auto& waiting = m_pending[*p];
+        for (int i = waiting.size() - 1; i >= 0; --i)
+            if (waiting[i].link == link)
+                waiting.remove(i);
+        if (waiting.isEmpty())
+            m_pending.remove(*p);
+        m_pending_index.erase(p);
+    }
+    m_resolved.insert(link, Key(tag, n));
+}
+
+void Element_man::unresolve_link(Attributes::Base::LinkedID* link, const QSharedPointer<Element>& owner,
+                                 const QString& tag, int n)
+{
+    QMutexLocker lock(&m_mutex);
+    forget_link(link);
+    const Key key(tag, n);
+    m_pending[key].append({link, owner.toWeakRef()});
+    m_pending_index.insert(link, key);
+}
+
+void Element_man::resolve_link(const QSharedPointer<Element>& target, const QString& tag, int n)
+{
+    QVector<Pending> waiting;
+    {
+        QMutexLocker lock(&m_mutex);
+        auto it = m_pending.find(Key(tag, n));
+        if (it == m_pending.end())
+            return;
+        waiting = *it;
+    }
+    // Complete outside the registry walk: completing notifies, which may re-enter the manager.
+    for (const Pending& p : waiting) {
+        const QSharedPointer<Element> owner = p.owner.toStrongRef();
+        if (!owner)
+            continue;
+        if (!p.link->accepts(target.data()))
+            continue;
+        p.link->complete_pending(owner, target, tag, n);
+        resolve_link(p.link, tag, n);
+    }
+}
+
+void Element_man::resolve_link(const QSharedPointer<Element>& target, const QUuid& guid)
+{
+    QString prefix;
+    int n = 0;
+    if (lookup_uid_for_guid(guid, prefix, n))
+        resolve_link(target, prefix, n);
+}
+
+void Element_man::forget_link(Attributes::Base::LinkedID* link)
+{
+    QMutexLocker lock(&m_mutex);
+    m_resolved.remove(link);
+    auto p = m_pending_index.find(link);
+    if (p == m_pending_index.end())
+        return;
+    auto w = m_pending.find(*p);
+    if (w != m_pending.end()) {
+        for (int i = w->size() - 1; i >= 0; --i)
+            if ((*w)[i].link == link)
+                w->remove(i);
+        if (w->isEmpty())
+            m_pending.erase(w);
+    }
+    m_pending_index.erase(p);
+}
+
+bool Element_man::pending_link(const Attributes::Base::LinkedID* link, QString& tag, int& n) const
+{
+    QMutexLocker lock(&m_mutex);
+    auto it = m_pending_index.constFind(link);
+    if (it == m_pending_index.constEnd())
+        return false;
+    tag = it->first;
+    n = it->second;
+    return true;
+}
+
+int Element_man::pending_link_count() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_pending_index.size();
+}
+
+QVector<Element_man::Pending_entry> Element_man::pending_links() const
+{
+    QMutexLocker lock(&m_mutex);
+    QVector<Pending_entry> out;
+    for (auto it = m_pending.constBegin(); it != m_pending.constEnd(); ++it)
+        for (const Pending& p : *it)
+            out.append({it.key().first, it.key().second, p.owner});
+    return out;
+}
+
+} // namespace Base
+} // namespace Elements
+} // namespace Task_data
+} // namespace TC

@@ -1,0 +1,148 @@
+// Element manager: owns one task data tree's identifier registry, GUIDs and link bookkeeping.
+//
+// Identifiers are an XML code prefix plus a signed 32-bit number. Numbers 1 and above and
+// numbers 0 and below live in separate registries; numbers made on the terminal are negative.
+// Links whose target is not registered yet wait here and complete when it is.
+// Threads: every operation takes the manager's own (recursive) mutex, so any thread may call.
+#pragma once
+
+#include <taskdata/elements/base/Element.h>
+
+#include <platform/iso/Position.h>
+
+#include <QAtomicInteger>
+#include <QHash>
+#include <QMap>
+#include <QObject>
+#include <QRecursiveMutex>
+#include <QSharedPointer>
+#include <QUuid>
+
+namespace TC {
+namespace Task_data {
+namespace Elements {
+namespace Base {
+
+// Finds the element registered under an identifier.
+class KTD_EXPORT Element_lookup_base
+{
+public:
+    virtual ~Element_lookup_base();
+    virtual QSharedPointer<Element> lookup(const QString& prefix, int n) const = 0;
+};
+
+// What every manager offers: the change counter, the terminal's position and file lookup.
+class KTD_EXPORT Element_man_base : public QObject, public Element_lookup_base
+{
+    Q_OBJECT
+public:
+    explicit Element_man_base(QObject* parent = nullptr);
+    ~Element_man_base() override;
+
+    quint64 change_counter() const { return m_change_counter.loadAcquire(); }
+    quint64 bump_change_counter() { return m_change_counter.fetchAndAddOrdered(1) + 1; }
+
+    Iso::Position& position() { return m_position; }
+
+    // The task data directory whose files elements refer to (grids, time logs, point files).
+    void set_task_data_dir(const QString& dir);
+    QString task_data_dir() const;
+    // Path of a file of the task data directory, found regardless of letter case; empty when absent.
+    virtual QString find_file(const QString& name) const;
+
+private:
+    QAtomicInteger<quint64> m_change_counter{0};
+    Iso::Position m_position;
+    mutable QRecursiveMutex m_dir_mutex;
+    QString m_task_data_dir;
+};
+
+class KTD_EXPORT Element_man : public Element_man_base
+{
+    Q_OBJECT
+public:
+    explicit Element_man(QObject* parent = nullptr);
+    ~Element_man() override;
+
+    // A manager always lives in a shared pointer: elements hold it weakly.
+    static QSharedPointer<Element_man> create();
+
+    // --- identifier registry ---
+    bool check_uid_free(const QString& prefix, int n) const;
+    bool register_uid(const QString& prefix, int n);
+    bool deregister_uid(const QString& prefix, int n);
+    int get_free_uid(const QString& prefix, bool positive) const;
+    // Fills the registry entry with its element and completes links waiting for it.
+    void register_element(const QString& prefix, int n, const QSharedPointer<Element>& element);
+    QSharedPointer<Element> lookup(const QString& prefix, int n) const override;
+    // Every registered number of a prefix, ascending (negative registry first).
+    QList<int> registered_uids(const QString& prefix) const;
+    QStringList registered_prefixes() const;
+
+    // --- GUIDs ---
+    void register_guid(const QString& prefix, int n, const QUuid& guid);
+    bool lookup_guid(const QString& prefix, int n, QUuid& out) const;
+    // With a null GUID, reserves the pairing; with a GUID (from the GUID list), attaches it to the
+    // identifier and to its element when that is loaded.
+    void register_uid_for_guid(const QString& prefix, int n, const QUuid& guid);
+    bool lookup_uid_for_guid(const QUuid& guid, QString& prefix, int& n) const;
+    struct Guid_entry
+    {
+        QString prefix;
+        int n;
+        QUuid guid;
+    };
+    QVector<Guid_entry> guid_entries() const;
+
+    // --- links ---
+    void resolve_link(Attributes::Base::LinkedID* link, const QString& tag, int n);
+    void unresolve_link(Attributes::Base::LinkedID* link, const QSharedPointer<Element>& owner, const QString& tag,
+                        int n);
+    // Completes every link waiting for (tag, n) with `target`.
+    void resolve_link(const QSharedPointer<Element>& target, const QString& tag, int n);
+    void resolve_link(const QSharedPointer<Element>& target, const QUuid& guid);
+    // Forgets a link attribute (its element is going away or it was cleared).
+    void forget_link(Attributes::Base::LinkedID* link);
+    bool pending_link(const Attributes::Base::LinkedID* link, QString& tag, int& n) const;
+    int pending_link_count() const;
+    struct Pending_entry
+    {
+        QString tag;
+        int n;
+        QWeakPointer<Element> owner;
+    };
+    QVector<Pending_entry> pending_links() const;
+
+    // The document root (ISO11783_TaskData) and the link list root, when loaded or created.
+    QSharedPointer<Element> root() const { return m_root; }
+    void set_root(const QSharedPointer<Element>& root) { m_root = root; }
+    QSharedPointer<Element> link_list() const { return m_link_list; }
+    void set_link_list(const QSharedPointer<Element>& l) { m_link_list = l; }
+
+private:
+    using Registry = QHash<QString, QMap<int, QWeakPointer<Element>>>;
+    Registry& registry_for(int n) { return n < 1 ? m_negative : m_positive; }
+    const Registry& registry_for(int n) const { return n < 1 ? m_negative : m_positive; }
+    using Key = QPair<QString, int>;
+    struct Pending
+    {
+        Attributes::Base::LinkedID* link;
+        QWeakPointer<Element> owner;
+    };
+
+    mutable QRecursiveMutex m_mutex;
+    Registry m_positive;
+    Registry m_negative;
+    QHash<Key, QUuid> m_guids;
+    QHash<QUuid, Key> m_guid_index;
+    QHash<Attributes::Base::LinkedID*, Key> m_resolved;
+    QHash<Key, QVector<Pending>> m_pending;
+    QHash<const Attributes::Base::LinkedID*, Key> m_pending_index;
+    QSharedPointer<Element> m_root;
+    QSharedPointer<Element> m_link_list;
+};
+
+} // namespace Base
+} // namespace Elements
+} // namespace Task_data
+} // namespace TC
