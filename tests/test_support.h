@@ -36,3 +36,45 @@ inline QString source_dir() { return qEnvironmentVariable("KTD_SOURCE_DIR"); }
     const QString var = Ktd_test::shared_dir();                                               \
     if (var.isEmpty())                                                                        \
         QSKIP("reference data not found: set KTD_SHARED_DIR to the folder beside this clone")
+
+#include <QTemporaryFile>
+#include <cstdio>
+#include <unistd.h>
+
+namespace Ktd_test {
+
+// Captures what the library prints on a standard stream (stdout = 1, stderr = 2) while alive.
+class Capture_fd
+{
+public:
+    explicit Capture_fd(int fd) : m_fd(fd)
+    {
+        fflush(fd == 1 ? stdout : stderr);
+        m_file.open();
+        m_saved = ::dup(fd);
+        ::dup2(m_file.handle(), fd);
+    }
+    ~Capture_fd() { release(); }
+    QString text()
+    {
+        release();
+        m_file.seek(0);
+        return QString::fromUtf8(m_file.readAll());
+    }
+
+private:
+    void release()
+    {
+        if (m_saved < 0)
+            return;
+        fflush(m_fd == 1 ? stdout : stderr);
+        ::dup2(m_saved, m_fd);
+        ::close(m_saved);
+        m_saved = -1;
+    }
+    int m_fd;
+    int m_saved = -1;
+    QTemporaryFile m_file;
+};
+
+} // namespace Ktd_test
