@@ -37,6 +37,12 @@ namespace Base {
     if (list == &m)                                                                            \
         return int(lidx_##m);
 
+// Links leave the manager's bookkeeping with their element; kinds without links do nothing.
+#define KTD_FORGET_L(m, ...) forget_link(&m);
+#define KTD_RELEASE_LINKS(Cls)                                                                 \
+    KTD_##Cls(KTD_NOTHING, KTD_NOTHING, KTD_NOTHING, KTD_NOTHING, KTD_NOTHING, KTD_NOTHING, KTD_NOTHING, \
+              KTD_FORGET_L, KTD_NOTHING, KTD_NOTHING, KTD_NOTHING, KTD_NOTHING)
+
 #define KTD_ROWS_ATTR(Cls, K, M, I2, I3, S2)                                                   \
     KTD_##Cls(K, K, M, M, M, M, M, M, I2, I3, S2, KTD_NOTHING)
 #define KTD_ROWS_LIST(Cls, C)                                                                  \
@@ -45,7 +51,7 @@ namespace Base {
 
 #define KTD_DEFINE_METHODS(Cls, Tag, Singular, Plural)                                         \
     Cls::Cls(const QWeakPointer<Element_man>& man) : Element(man) {}                          \
-    Cls::~Cls() { release_links(); }                                                           \
+    Cls::~Cls() { KTD_RELEASE_LINKS(Cls) }                                                           \
     const char* Cls::xml_tag() { return Tag; }                                                 \
     const Kind_info& Cls::static_kind()                                                        \
     {                                                                                          \

@@ -129,6 +129,14 @@ void Element::release_links()
     }
 }
 
+void Element::forget_link(Attributes::Base::LinkedID* link)
+{
+    // Only links that ever reached the manager are known to it; a weak manager that is gone
+    // has nothing to forget.
+    if (QSharedPointer<Element_man> m = man())
+        m->forget_link(link);
+}
+
 bool Element::erase(QSharedPointer<Element>& self)
 {
     deregister_ids();

@@ -191,8 +191,9 @@ public:
     bool try_lock(int timeout_ms) { return timeout_ms < 0 ? (m_lock.lock(), true) : m_lock.tryLock(timeout_ms); }
     void unlock() { m_lock.unlock(); }
 
-    // Drops this element's links from the manager's bookkeeping (called before destruction).
+    // Drops this element's links from the manager's bookkeeping.
     void release_links();
+    void forget_link(Attributes::Base::LinkedID* link);
     // Deregisters the identifiers of this element and its descendants.
     void deregister_ids();
 
