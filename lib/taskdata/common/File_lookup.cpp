@@ -10,15 +10,16 @@
 namespace TC {
 namespace Task_data {
 
-File_lookup::Result File_lookup::find(const QString& dir, const QString& name, bool quiet)
+namespace {
+QFileInfoList list_files(const QString& dir)
+{
+    return QDir(dir).entryInfoList(QDir::Files | QDir::Hidden | QDir::System, QDir::NoSort);
+}
+} // namespace
+
+File_lookup::Result File_lookup::choose(const QString& dir, const QString& name, const QFileInfoList& hits, bool quiet)
 {
     Result r;
-    QDir d(dir);
-    const QFileInfoList entries = d.entryInfoList(QDir::Files | QDir::Hidden | QDir::System, QDir::NoSort);
-    QFileInfoList hits;
-    for (const QFileInfo& fi : entries)
-        if (fi.fileName().compare(name, Qt::CaseInsensitive) == 0)
-            hits.append(fi);
     r.matches = hits.size();
     if (hits.isEmpty()) {
         r.message = QCoreApplication::translate("XML_interface", "Could not find file: %1 in %2").arg(name, dir);
@@ -44,6 +45,26 @@ File_lookup::Result File_lookup::find(const QString& dir, const QString& name, b
     if (!quiet)
         fprintf(stderr, "Too many files found - sending last modified\n");
     return r;
+}
+
+File_lookup::Result File_lookup::find(const QString& dir, const QString& name, bool quiet)
+{
+    QFileInfoList hits;
+    for (const QFileInfo& fi : list_files(dir))
+        if (fi.fileName().compare(name, Qt::CaseInsensitive) == 0)
+            hits.append(fi);
+    return choose(dir, name, hits, quiet);
+}
+
+File_lookup::Index::Index(const QString& dir) : m_dir(dir)
+{
+    for (const QFileInfo& fi : list_files(dir))
+        m_by_folded_name[fi.fileName().toCaseFolded()].append(fi);
+}
+
+File_lookup::Result File_lookup::Index::find(const QString& name, bool quiet) const
+{
+    return choose(m_dir, name, m_by_folded_name.value(name.toCaseFolded()), quiet);
 }
 
 } // namespace Task_data

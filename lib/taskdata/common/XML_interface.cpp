@@ -1,13 +1,20 @@
 #include "XML_interface.h"
 
 #include "File_lookup.h"
+#include "Task_data_files.h"
+
+#include <taskdata/elements/base/Catalogue.h>
+#include <taskdata/elements/base/Element_man.h>
 
 #include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QMutexLocker>
 #include <QSettings>
 #include <QXmlStreamReader>
+#include <QXmlStreamWriter>
 
 #include <cerrno>
 #include <cstdio>
@@ -33,7 +40,20 @@ struct Maybe_lock
             m->unlock();
     }
 };
+
+// The default target of write_file(): every file whole.
+struct Atomic_files final : File_interface
+{
+    XML_interface& xi;
+    explicit Atomic_files(XML_interface& x) : xi(x) {}
+    bool write(const QString& path, const QByteArray& data, QString* error) override
+    {
+        return xi.write_file_atomic(path, data, error);
+    }
+};
 } // namespace
+
+File_interface::~File_interface() = default;
 
 XML_interface::XML_interface(const QString& path, bool write_children, bool keep_proprietary, bool with_mutex,
                              bool track_files)
@@ -48,7 +68,7 @@ void XML_interface::set(const QString& path, bool write_children, bool keep_prop
                         bool track_files)
 {
     if (with_mutex && !m_mutex)
-        m_mutex.reset(new QMutex);
+        m_mutex.reset(new QMutex(QMutex::Recursive)); // set() resets the state under the lock
     Maybe_lock lock(m_mutex.get());
     m_path = path;
     m_write_children = write_children;
@@ -60,13 +80,18 @@ void XML_interface::set(const QString& path, bool write_children, bool keep_prop
 
 void XML_interface::reset_state()
 {
+    Maybe_lock lock(m_mutex.get());
     m_ok = true;
     m_fail_text.clear();
     m_warnings.clear();
     m_total_objects = 0;
     m_objects_done = 0;
     m_used_files.clear();
+    m_unused_files.clear();
     m_cur_infilepath.clear();
+    m_cur_outfilename.clear();
+    m_partial_save_state.store(0);
+    m_index.reset();
 }
 
 void XML_interface::update_path_cache()
@@ -87,7 +112,11 @@ void XML_interface::update_path_cache()
 
 void XML_interface::set_main_outfilename(const QString& name) { m_main_outfilename = name; }
 
-void XML_interface::set_output_dir(const QString& dir) { m_output_dir = QDir(dir).absolutePath(); }
+void XML_interface::set_output_dir(const QString& dir)
+{
+    m_output_dir = QDir(dir).absolutePath();
+    m_index.reset();
+}
 
 void XML_interface::set_fail(const QString& text)
 {
@@ -107,15 +136,44 @@ void XML_interface::set_fail(const QString& path, const QXmlStreamReader& r)
                  .arg(r.characterOffset()));
 }
 
+QString XML_interface::fail_text() const
+{
+    Maybe_lock lock(m_mutex.get());
+    return m_fail_text;
+}
+
 void XML_interface::add_warning(const QString& text)
 {
     Maybe_lock lock(m_mutex.get());
     m_warnings.append(text);
 }
 
+QStringList XML_interface::warnings() const
+{
+    Maybe_lock lock(m_mutex.get());
+    return m_warnings;
+}
+
+QString XML_interface::find_optional(const QString& name) const
+{
+    const File_lookup::Result r = lookup(name, true);
+    if (r.matches > 1)
+        const_cast<XML_interface*>(this)->add_warning(r.message);
+    return r.path;
+}
+
+File_lookup::Result XML_interface::lookup(const QString& name, bool quiet) const
+{
+    if (!in_use())
+        return File_lookup::find(m_output_dir, name, quiet);
+    if (!m_index || m_index->dir() != m_output_dir)
+        m_index.reset(new File_lookup::Index(m_output_dir));
+    return m_index->find(name, quiet);
+}
+
 QString XML_interface::infilepath(const QString& name) const
 {
-    const File_lookup::Result r = File_lookup::find(m_output_dir, name);
+    const File_lookup::Result r = lookup(name, false);
     if (!r.message.isEmpty())
         const_cast<XML_interface*>(this)->add_warning(r.message);
     if (!r.path.isEmpty())
@@ -160,8 +218,109 @@ void XML_interface::note_used_file(const QString& name)
     m_used_files.insert(name);
 }
 
+QSet<QString> XML_interface::used_files() const
+{
+    Maybe_lock lock(m_mutex.get());
+    return m_used_files;
+}
+
+QStringList XML_interface::track_used_files(const QSharedPointer<Elements::Base::Element_man>& man)
+{
+    QStringList names;
+    auto note = [&](const QString& name) {
+        const QString path = File_lookup::find(m_output_dir, name, true).path;
+        if (path.isEmpty())
+            return;
+        const QString found = QFileInfo(path).fileName();
+        {
+            Maybe_lock lock(m_mutex.get());
+            m_used_files.insert(found);
+        }
+        names.append(found);
+    };
+    note(m_main_outfilename);
+    note(QStringLiteral("LINKLIST.XML"));
+    note(QStringLiteral("GUIDLIST.XML"));
+    if (man && man->root()) {
+        for (const Task_data_files::Referenced_file& f : Task_data_files::referenced_files(man->root()))
+            note(f.name);
+        for (const Task_data_files::Referenced_file& f : Task_data_files::individual_files(*this, man->root()))
+            note(f.name);
+    }
+    names.removeDuplicates();
+    names.sort();
+    return names;
+}
+
+QStringList XML_interface::track_unused_files()
+{
+    QStringList unused;
+    if (m_track_files && !m_output_dir.isEmpty()) {
+        const QSet<QString> used = used_files();
+        const QStringList entries =
+            QDir(m_output_dir).entryList(QDir::Files | QDir::Hidden | QDir::System, QDir::Name);
+        for (const QString& name : entries)
+            if (!used.contains(name))
+                unused.append(name);
+    }
+    Maybe_lock lock(m_mutex.get());
+    m_unused_files = unused;
+    return unused;
+}
+
+QStringList XML_interface::unused_files() const
+{
+    Maybe_lock lock(m_mutex.get());
+    return m_unused_files;
+}
+
+void XML_interface::write_start_document(QXmlStreamWriter& w) const
+{
+    // A writer on a device declares its encoding itself; one writing into a string would not,
+    // and the declaration must name UTF-8 wherever the text ends up.
+    if (w.device())
+        w.writeStartDocument(QStringLiteral("1.0"));
+    else
+        w.writeProcessingInstruction(QStringLiteral("xml"), QStringLiteral("version=\"1.0\" encoding=\"UTF-8\""));
+}
+
+bool XML_interface::write_file(File_interface& files, const QString& name, const QByteArray& data)
+{
+    const QString path = outfilepath(name);
+    QString error;
+    if (!files.write(path, data, &error)) {
+        fprintf(stderr, "Could not save attached file %s to %s\n", name.toUtf8().constData(),
+                m_output_dir.toUtf8().constData());
+        set_fail(QCoreApplication::translate("XML_interface", "Could not save attached file %1 to %2: %3")
+                     .arg(name, m_output_dir, error));
+        return false;
+    }
+    note_used_file(QFileInfo(path).fileName());
+    return true;
+}
+
+bool XML_interface::write_file(const QString& name, const QByteArray& data)
+{
+    Atomic_files files(*this);
+    return write_file(files, name, data);
+}
+
+namespace {
+bool same_content(const QString& path, const QByteArray& data)
+{
+    QFile f(path);
+    if (f.size() != data.size() || !f.open(QIODevice::ReadOnly))
+        return false;
+    return f.readAll() == data;
+}
+} // namespace
+
 bool XML_interface::write_file_atomic(const QString& path, const QByteArray& data, QString* error)
 {
+    // Reading is far cheaper than writing and syncing, and spares a terminal's flash.
+    if (m_optimised_save && same_content(path, data))
+        return true;
+    m_index.reset();
     const QFileInfo fi(path);
     const QString tmp = fi.absolutePath() + QStringLiteral("/.") + fi.fileName() + QStringLiteral(".tmp");
     const QByteArray tmp_name = QFile::encodeName(tmp);
@@ -169,7 +328,8 @@ bool XML_interface::write_file_atomic(const QString& path, const QByteArray& dat
     auto fail = [&](const QString& why) {
         if (error)
             *error = why;
-        ::unlink(tmp_name.constData());
+        if (::unlink(tmp_name.constData()) != 0 && errno != ENOENT)
+            fprintf(stderr, "Remove file %s failed!\n", tmp_name.constData());
         return false;
     };
     const int fd = ::open(tmp_name.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -220,6 +380,69 @@ void XML_interface::unlock()
 {
     if (m_mutex)
         m_mutex->unlock();
+}
+
+void XML_interface::notify_start_in_use()
+{
+    QMutexLocker lock(&m_run_mutex);
+    m_in_use = true;
+}
+
+void XML_interface::notify_finish_in_use()
+{
+    QMutexLocker lock(&m_run_mutex);
+    m_in_use = false;
+    m_run_done.wakeAll();
+}
+
+void XML_interface::notify_complete(bool ok)
+{
+    if (!ok && m_ok)
+        set_fail(QCoreApplication::translate("XML_interface", "Run failed"));
+    m_cancel.store(false);
+    QMutexLocker lock(&m_run_mutex);
+    m_in_use = false;
+    m_run_done.wakeAll();
+}
+
+bool XML_interface::wait_for_complete(int timeout_ms)
+{
+    const QDeadlineTimer deadline =
+        timeout_ms < 0 ? QDeadlineTimer(QDeadlineTimer::Forever) : QDeadlineTimer(qint64(timeout_ms));
+    QMutexLocker lock(&m_run_mutex);
+    while (m_in_use) {
+        if (!m_run_done.wait(&m_run_mutex, deadline))
+            return !m_in_use;
+    }
+    return true;
+}
+
+bool XML_interface::in_use() const
+{
+    QMutexLocker lock(&m_run_mutex);
+    return m_in_use;
+}
+
+bool XML_interface::load(const QSharedPointer<Elements::Base::Element_man>& man)
+{
+    notify_start_in_use();
+    const bool ok = Task_data_files::load(*this, man);
+    notify_complete(ok);
+    return ok;
+}
+
+bool XML_interface::save(const QSharedPointer<Elements::Base::Element_man>& man)
+{
+    notify_start_in_use();
+    const bool ok = Task_data_files::save(*this, man);
+    notify_complete(ok);
+    return ok;
+}
+
+QSharedPointer<Elements::Base::Task_data>
+XML_interface::create_document(const QSharedPointer<Elements::Base::Element_man>& man, int format_version)
+{
+    return Task_data_files::create_document(man, format_version);
 }
 
 } // namespace Task_data

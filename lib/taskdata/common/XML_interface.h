@@ -2,20 +2,26 @@
 // load or save run (format version, what is written, success and the first failure text).
 //
 // The element readers and writers consult it for every element. Ownership: created by the
-// application (or the autosave object) and handed by reference to every element operation.
-// Threads: a run uses it from one thread at a time; when built with a mutex, settings and state
-// may be read from other threads (lock()/unlock() take that mutex from outside).
+// application (or the autosave object) and handed by reference to every element operation; it
+// owns no element. Threads: a run (load, save) uses it from one thread at a time; when built
+// with a mutex, settings and state may be read from other threads (lock()/unlock() take that
+// mutex from outside); wait_for_complete(), in_use() and cancel() may be called from any thread.
 #pragma once
 
+#include <taskdata/common/File_lookup.h>
 #include <taskdata/common/String_filter.h>
 #include <taskdata/taskdata_export.h>
 
+#include <QByteArray>
 #include <QHash>
 #include <QMutex>
 #include <QSet>
+#include <QSharedPointer>
 #include <QString>
 #include <QStringList>
+#include <QWaitCondition>
 
+#include <atomic>
 #include <memory>
 
 class QXmlStreamReader;
@@ -24,12 +30,33 @@ class QXmlStreamWriter;
 namespace TC {
 namespace Task_data {
 
+namespace Elements {
+namespace Base {
+class Element_man;
+class Task_data;
+} // namespace Base
+} // namespace Elements
+
+// Where whole files of a directory go. The default writes each file atomically (see
+// XML_interface::write_file_atomic); a terminal may route files elsewhere (a removable medium,
+// a test double). Called on the thread of the run.
+class KTD_EXPORT File_interface
+{
+public:
+    virtual ~File_interface();
+    // Writes `data` as the file `path`; false with a reason in `error` when it could not.
+    virtual bool write(const QString& path, const QByteArray& data, QString* error) = 0;
+};
+
 class KTD_EXPORT XML_interface
 {
+    friend class Task_data_files;
+
 public:
     // path: the task data directory (or the main file in it).
     // write_children: when false an element is written with its attributes only.
-    // keep_proprietary: proprietary attributes, extra attributes and P231 elements are written.
+    // keep_proprietary: proprietary attributes, extra attributes, P231 elements and
+    //   "GUIDLIST.XML" are written.
     // with_mutex: settings and state are guarded for readers on other threads.
     // track_files: the used and unused files of the directory are collected.
     explicit XML_interface(const QString& path = QString(), bool write_children = true, bool keep_proprietary = true,
@@ -44,36 +71,49 @@ public:
 
     // --- what the element writers consult ---
     int format_version() const { return m_format_version; }
-    void set_format_version(int v) { m_format_version = v; }
+    // A version set here (or read by load()) is the one save() writes; without one, save()
+    // writes the version the document was read or created with.
+    void set_format_version(int v)
+    {
+        m_format_version = v;
+        m_format_version_set = true;
+    }
+    bool format_version_set() const { return m_format_version_set; }
     bool keep_proprietary() const { return m_keep_proprietary; }
     void set_keep_proprietary(bool k) { m_keep_proprietary = k; }
     bool write_children() const { return m_write_children; }
     void set_write_children(bool w) { m_write_children = w; }
+    bool track_files() const { return m_track_files; }
     const String_filter& name_filter() const { return m_name_filter; }
     void set_name_filter(const String_filter& f) { m_name_filter = f; }
     bool admits(QStringView name) const { return m_name_filter.admits(name); }
 
     // --- success ---
     bool ok() const { return m_ok; }
-    QString fail_text() const { return m_fail_text; }
+    QString fail_text() const;
     // Marks the run failed; only the first failure text is kept.
     void set_fail(const QString& text);
     // "Error \"%1\" at %2:%3:%4:%5" with the reader's error, the file, line, column and offset.
     void set_fail(const QString& path, const QXmlStreamReader& r);
-    // Warnings collected during a run (lookup choices, unreadable referenced files).
+    // Warnings collected during a run (lookup choices, missing referenced files).
     void add_warning(const QString& text);
-    QStringList warnings() const { return m_warnings; }
+    QStringList warnings() const;
 
     // --- paths ---
     QString path() const { return m_path; }
+    // The directory files are read from and written to (set_output_dir() moves both).
     QString output_dir() const { return m_output_dir; }
     QString outfiledir() const { return m_output_dir; }
     QString main_outfilename() const { return m_main_outfilename; }
     void set_main_outfilename(const QString& name);
     QString cur_outfilename() const { return m_cur_outfilename.isEmpty() ? m_main_outfilename : m_cur_outfilename; }
     void set_cur_outfilename(const QString& name) { m_cur_outfilename = name; }
-    // A file of the directory by name, found regardless of case; empty when absent.
+    // A file of the directory by name, found regardless of case; empty when absent (the
+    // not-found text joins the warnings). A file found counts as used. During a run the
+    // directory is listed once (again after each file the run writes).
     QString infilepath(const QString& name) const;
+    // The same, for optional files: a missing file is neither reported nor noted as used.
+    QString find_optional(const QString& name) const;
     QString outfilepath(const QString& name) const;
     QString cur_outfilepath() const { return outfilepath(cur_outfilename()); }
     QString main_outfilepath() const { return outfilepath(m_main_outfilename); }
@@ -81,6 +121,8 @@ public:
     // The file being read now (for failure texts); the main file when none is set.
     QString cur_infilepath() const { return m_cur_infilepath.isEmpty() ? main_outfilepath() : m_cur_infilepath; }
     void set_cur_infilepath(const QString& p) { m_cur_infilepath = p; }
+    // Saves go there; the files the tree refers to are copied along from the directory the
+    // tree was read from.
     void set_output_dir(const QString& dir);
 
     // --- per-kind individual files ---
@@ -88,6 +130,13 @@ public:
     bool individual_save(const QString& tag) const;
     bool individual_save(QStringView tag) const;
     bool any_individual_save() const { return !m_individual.isEmpty(); }
+    // Optimised save: a file whose new content equals the file already in the output directory
+    // is left untouched (no rewrite, no sync): fewer writes to a terminal's flash.
+    void set_optimised_save(bool on = true) { m_optimised_save = on; }
+    bool optimised_save() const { return m_optimised_save; }
+    // What is being written now: 0 nothing, 1 the main file, 2 one element's own file.
+    int partial_save_state() const { return m_partial_save_state.load(); }
+    void set_partial_save_state(int state) { m_partial_save_state.store(state); }
 
     // --- progress ---
     void set_total_objects(int n) { m_total_objects = n; }
@@ -97,15 +146,64 @@ public:
     bool is_complete() const { return m_total_objects > 0 && m_objects_done >= m_total_objects; }
 
     // --- files ---
+    // Names (as they stand in the directory) of the files the last run read or wrote.
     void note_used_file(const QString& name);
-    QSet<QString> used_files() const { return m_used_files; }
+    QSet<QString> used_files() const;
+    // Notes as used every file of the directory that the manager's tree needs: the main file,
+    // "LINKLIST.XML", "GUIDLIST.XML", individually saved elements and the files elements refer
+    // to (external files, grids, time logs, point files, attached files). Answers the sorted
+    // names of those that exist.
+    QStringList track_used_files(const QSharedPointer<Elements::Base::Element_man>& man);
+    // Files of the directory that are not used (after a load, a save or track_used_files()),
+    // sorted; kept for unused_files(). Empty when the interface does not track files.
+    QStringList track_unused_files();
+    QStringList unused_files() const;
 
+    // Starts an XML document: the declaration with version="1.0" and encoding="UTF-8".
+    void write_start_document(QXmlStreamWriter& w) const;
+    // Writes one whole file `name` of the output directory (attached and referenced files);
+    // prints "Could not save attached file %s to %s\n" and fails the run when it cannot.
+    bool write_file(File_interface& files, const QString& name, const QByteArray& data);
+    bool write_file(const QString& name, const QByteArray& data);
     // Writes a whole file of the directory so that no moment exists in which a complete old
     // file is not in place: temporary file, flush and sync, rename over, sync the directory.
+    // With optimised save, a file that already holds `data` is left as it is.
     bool write_file_atomic(const QString& path, const QByteArray& data, QString* error = nullptr);
 
     void lock();
     void unlock();
+
+    // --- the life of one run, for other threads ---
+    // load() and save() call these themselves; a caller driving a run of its own may too.
+    void notify_start_in_use();
+    void notify_finish_in_use();
+    // Ends the run with its result (a false result fails the interface if nothing did yet).
+    void notify_complete(bool ok);
+    // Blocks until no run is in progress, or `timeout_ms` passed (-1 waits for ever). True when
+    // no run is in progress on return.
+    bool wait_for_complete(int timeout_ms = -1);
+    bool in_use() const;
+    // Asks the run in progress (or, between runs, the next one) to stop before its next
+    // top-level element; it fails with "Cancelled". The request ends with that run;
+    // cancel(false) withdraws it.
+    void cancel(bool on = true) { m_cancel.store(on); }
+    bool cancelled() const { return m_cancel.load(); }
+
+    // --- whole directories ---
+    // Loads the directory's "TASKDATA.XML" with everything it refers to (individually saved
+    // element files, external files, "LINKLIST.XML", "GUIDLIST.XML") into the manager's tree,
+    // creating the root when the manager has none. False with fail_text() when the main file
+    // cannot be read; what was read before an error stays in the tree.
+    bool load(const QSharedPointer<Elements::Base::Element_man>& man);
+    // Writes the manager's tree into the output directory: "TASKDATA.XML", external and
+    // individual files, "LINKLIST.XML", "GUIDLIST.XML", and copies of the files elements refer
+    // to when the output directory is not the one the tree was read from. Every file is
+    // replaced whole or not at all; the main file is written last.
+    bool save(const QSharedPointer<Elements::Base::Element_man>& man);
+    // A new document in the manager (replacing its root): "ISO11783_TaskData" of the format
+    // version, made by "Tarvex Agriculture".
+    static QSharedPointer<Elements::Base::Task_data>
+    create_document(const QSharedPointer<Elements::Base::Element_man>& man, int format_version = 4);
 
 protected:
     QString m_path;
@@ -117,6 +215,10 @@ protected:
     bool m_keep_proprietary = true;
     bool m_track_files = true;
     int m_format_version = 4;
+    bool m_format_version_set = false;
+    bool m_optimised_save = false;
+    std::atomic<int> m_partial_save_state{0};
+    std::atomic<bool> m_cancel{false};
     bool m_ok = true;
     QString m_fail_text;
     QStringList m_warnings;
@@ -125,7 +227,16 @@ protected:
     int m_total_objects = 0;
     int m_objects_done = 0;
     QSet<QString> m_used_files;
+    QStringList m_unused_files;
     std::unique_ptr<QMutex> m_mutex;
+    // The run life cycle has its own lock: waiting threads need one whether or not the
+    // interface was built with a mutex.
+    mutable QMutex m_run_mutex;
+    QWaitCondition m_run_done;
+    bool m_in_use = false;
+    // The directory listing of the run in progress; dropped when a file is written.
+    mutable std::unique_ptr<File_lookup::Index> m_index;
+    File_lookup::Result lookup(const QString& name, bool quiet) const;
 };
 
 } // namespace Task_data

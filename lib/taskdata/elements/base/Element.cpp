@@ -486,8 +486,19 @@ bool Element::load_children(const QSharedPointer<Element>& self, QXmlStreamReade
             continue;
         }
         if (name == uid_xfr || name == guid_xfr) {
+            // Inline children and referenced files of one tag share one occurrence counter, or
+            // a file would be read over an inline child of its tag.
+            const QString tag = r.attributes().value(QLatin1String("TAG")).toString();
+            int tag_list = -1;
+            for (unsigned i = 0; i < k.num_lists; ++i)
+                if (tag == QLatin1String(k.list_tags[i]))
+                    tag_list = int(i);
+            if (tag_list >= 0)
+                reference_counters[tag] = counters[tag_list];
             if (!load_individual_reference(self, r, xi, name == guid_xfr, reference_counters))
                 return false;
+            if (tag_list >= 0)
+                counters[tag_list] = reference_counters.value(tag);
             continue;
         }
         if (name == ext_par && xi.admits(QStringView(name))) {
@@ -514,7 +525,7 @@ bool Element::load_individual_reference(const QSharedPointer<Element>& self, QXm
     if (by_guid) {
         const QStringRef guid = attrs.value(QLatin1String("GUID"));
         if (tag.isEmpty() || guid.isEmpty() || QUuid(guid.toString()).isNull()) {
-            printf("Bad GUID load %s:%s\n", tag.toUtf8().constData(), guid.toUtf8().constData());
+            fprintf(stderr, "Bad GUID load %s:%s\n", tag.toUtf8().constData(), guid.toUtf8().constData());
             r.skipCurrentElement();
             return true;
         }
@@ -523,7 +534,7 @@ bool Element::load_individual_reference(const QSharedPointer<Element>& self, QXm
         bool ok = false;
         const int id = attrs.value(QLatin1String("ID")).toInt(&ok);
         if (!ok || id == 0 || tag.isEmpty()) {
-            printf("Bad GUID load %s:%d\n", tag.toUtf8().constData(), id);
+            fprintf(stderr, "Bad GUID load %s:%d\n", tag.toUtf8().constData(), id);
             r.skipCurrentElement();
             return true;
         }

@@ -104,7 +104,7 @@ bool Element_list::save_to_individual_files(QXmlStreamWriter& w, XML_interface& 
         }
         QString error;
         if (!xi.write_file_atomic(xi.outfilepath(name), data, &error)) {
-            printf("Failed to generate %s.XML\n", name.left(name.size() - 4).toUtf8().constData());
+            fprintf(stderr, "Failed to generate %s.XML\n", name.left(name.size() - 4).toUtf8().constData());
             xi.set_fail(error);
             return false;
         }

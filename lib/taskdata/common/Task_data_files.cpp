@@ -1,0 +1,882 @@
+#include "Task_data_files.h"
+
+#include "File_lookup.h"
+#include "XML_interface.h"
+
+#include <taskdata/elements/base/Catalogue.h>
+#include <taskdata/elements/base/Element_man.h>
+
+#include <QBuffer>
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QHash>
+#include <QMetaType>
+#include <QSet>
+#include <QUuid>
+#include <QVariant>
+#include <QXmlStreamReader>
+#include <QXmlStreamWriter>
+
+#include <cstdio>
+#include <cstring>
+
+namespace TC {
+namespace Task_data {
+
+using Elements::Base::Element;
+using Elements::Base::Element_list;
+using Elements::Base::Element_man;
+
+namespace Files_detail {
+// What outlives one run, kept with the manager: elements of an external file are merged into the
+// root's lists, and only this record lets a save put them back into their file instead of
+// writing them twice (inline and through the reference).
+struct Document_state
+{
+    int format_version = 0;
+    QVector<QPair<QWeakPointer<Element>, QString>> origins; // top-level element, XFR file name
+};
+} // namespace Files_detail
+} // namespace Task_data
+} // namespace TC
+
+Q_DECLARE_METATYPE(QSharedPointer<TC::Task_data::Files_detail::Document_state>)
+
+namespace TC {
+namespace Task_data {
+
+using Files_detail::Document_state;
+
+namespace {
+
+const char* const state_property = "ktd_task_data_files";
+
+QString tr(const char* text) { return QCoreApplication::translate("XML_interface", text); }
+
+QSharedPointer<Document_state> state_of(const QSharedPointer<Element_man>& man, bool create)
+{
+    if (!man)
+        return QSharedPointer<Document_state>();
+    auto s = man->property(state_property).value<QSharedPointer<Document_state>>();
+    if (!s && create) {
+        s = QSharedPointer<Document_state>::create();
+        man->setProperty(state_property, QVariant::fromValue(s));
+    }
+    return s;
+}
+
+bool tag_is(const Element* e, const char* tag) { return std::strcmp(e->kind().tag, tag) == 0; }
+
+const QString xfr_tag = QStringLiteral("XFR");
+const QString xfc_tag = QStringLiteral("XFC");
+const QString uid_xfr = QStringLiteral("P231_UID_XFR");
+const QString guid_xfr = QStringLiteral("P231_GUID_XFR");
+const QString ext_par = QStringLiteral("P231_ExtendedPar");
+const QString link_list_name = QStringLiteral("LINKLIST.XML");
+const QString guid_list_name = QStringLiteral("GUIDLIST.XML");
+const QString guid_list_root = QStringLiteral("ISO11783_GuidList");
+
+template <class F>
+void walk(Element* e, const F& f)
+{
+    f(e);
+    const unsigned lists = e->_num_element_lists();
+    for (unsigned l = 0; l < lists; ++l)
+        for (const auto& c : e->_element_list(l)->elements())
+            walk(c.data(), f);
+}
+
+// --- reading ---
+
+struct Reader
+{
+    XML_interface& xi;
+    QSharedPointer<Element> root;
+    Document_state& state;
+    // Occurrences per tag across the main file, its external files and individual files, so
+    // that the n-th child of a tag is always the same element and a reload stays in place.
+    QHash<QString, int> counters;
+
+    bool read_children(QXmlStreamReader& r, const QString& path, const QString& external);
+    bool read_individual(QXmlStreamReader& r, bool by_guid);
+    bool read_external(const QSharedPointer<Element>& reference);
+};
+
+bool Reader::read_children(QXmlStreamReader& r, const QString& path, const QString& external)
+{
+    while (!r.atEnd()) {
+        const QXmlStreamReader::TokenType t = r.readNext();
+        if (t == QXmlStreamReader::EndElement)
+            return true;
+        if (t != QXmlStreamReader::StartElement)
+            continue;
+        if (xi.cancelled()) {
+            xi.set_fail(tr("Cancelled"));
+            return false;
+        }
+        const QString name = r.name().toString();
+        if (Element_list* list = root->find_list(name)) {
+            // An external file holds top-level objects only; a reference in it would nest.
+            if (!external.isEmpty() && name == xfr_tag) {
+                xi.add_warning(tr("External file %1 refers to another external file").arg(path));
+                r.skipCurrentElement();
+                continue;
+            }
+            const int index = counters[name]++;
+            const int before = list->count();
+            if (!list->load_xml(root, r, xi, index))
+                return false;
+            if (list->isEmpty())
+                continue;
+            const QSharedPointer<Element> e = index < before ? list->at(index) : list->at(list->count() - 1);
+            if (!external.isEmpty())
+                state.origins.append(qMakePair(e.toWeakRef(), external));
+            else if (name == xfr_tag && !read_external(e))
+                return false;
+            continue;
+        }
+        if (name == uid_xfr || name == guid_xfr) {
+            if (!read_individual(r, name == guid_xfr))
+                return false;
+            continue;
+        }
+        if (name == ext_par && xi.admits(QStringView(name))) {
+            const QXmlStreamAttributes attrs = r.attributes();
+            if (attrs.hasAttribute(QLatin1String("P231_key")) && attrs.hasAttribute(QLatin1String("P231_value")))
+                root->set_extended_parameter(attrs.value(QLatin1String("P231_key")).toString(),
+                                             attrs.value(QLatin1String("P231_value")).toString());
+        }
+        r.skipCurrentElement();
+    }
+    if (r.hasError()) {
+        xi.set_fail(path, r);
+        return false;
+    }
+    return true;
+}
+
+bool Reader::read_individual(QXmlStreamReader& r, bool by_guid)
+{
+    const QXmlStreamAttributes attrs = r.attributes();
+    const QString tag = attrs.value(QLatin1String("TAG")).toString();
+    QString file;
+    if (by_guid) {
+        const QString guid = attrs.value(QLatin1String("GUID")).toString();
+        if (tag.isEmpty() || guid.isEmpty() || QUuid(guid).isNull()) {
+            fprintf(stderr, "Bad GUID load %s:%s\n", tag.toUtf8().constData(), guid.toUtf8().constData());
+            r.skipCurrentElement();
+            return !r.hasError();
+        }
+        file = QStringLiteral("%1_%2.XML").arg(tag, QUuid(guid).toString(QUuid::WithoutBraces));
+    } else {
+        bool ok = false;
+        const int id = attrs.value(QLatin1String("ID")).toInt(&ok);
+        if (!ok || id == 0 || tag.isEmpty()) {
+            fprintf(stderr, "Bad GUID load %s:%d\n", tag.toUtf8().constData(), id);
+            r.skipCurrentElement();
+            return !r.hasError();
+        }
+        file = QStringLiteral("%1_%2.XML").arg(tag).arg(id);
+    }
+    r.skipCurrentElement();
+    Element_list* list = root->find_list(tag);
+    if (!list)
+        return !r.hasError();
+    return list->load_individual_file(root, file, xi, counters[tag]++);
+}
+
+bool Reader::read_external(const QSharedPointer<Element>& reference)
+{
+    const QString base = static_cast<Elements::Base::External_file_reference*>(reference.data())->filename.get_string();
+    if (base.isEmpty()) {
+        xi.add_warning(tr("External file reference without a file name"));
+        return true;
+    }
+    const QString path = xi.infilepath(base + QStringLiteral(".XML"));
+    if (path.isEmpty())
+        return true;
+    QFile f(path);
+    if (!f.open(QIODevice::ReadOnly)) {
+        xi.add_warning(tr("Could not open %1").arg(path));
+        return true;
+    }
+    QXmlStreamReader r(&f);
+    while (!r.atEnd() && r.readNext() != QXmlStreamReader::StartElement) {
+    }
+    if (r.tokenType() != QXmlStreamReader::StartElement) {
+        if (r.hasError()) {
+            xi.set_fail(path, r);
+            return false;
+        }
+        xi.add_warning(tr("Could not find start tag in %1").arg(path));
+        return true;
+    }
+    if (r.name() != xfc_tag) {
+        xi.add_warning(tr("Not a valid external file: %1").arg(path));
+        return true;
+    }
+    const QString previous = xi.cur_infilepath();
+    xi.set_cur_infilepath(path);
+    const bool ok = read_children(r, path, base);
+    xi.set_cur_infilepath(previous);
+    return ok;
+}
+
+bool read_link_list(XML_interface& xi, const QSharedPointer<Element_man>& man)
+{
+    const QString path = xi.find_optional(link_list_name);
+    if (path.isEmpty())
+        return true;
+    QFile f(path);
+    if (!f.open(QIODevice::ReadOnly)) {
+        xi.add_warning(tr("Could not open %1").arg(path));
+        return true;
+    }
+    xi.note_used_file(QFileInfo(path).fileName());
+    QXmlStreamReader r(&f);
+    while (!r.atEnd() && r.readNext() != QXmlStreamReader::StartElement) {
+    }
+    if (r.tokenType() != QXmlStreamReader::StartElement || r.name() != QLatin1String("ISO11783LinkList")) {
+        if (r.hasError())
+            xi.set_fail(path, r);
+        else
+            xi.set_fail(tr("Not a valid LINKLIST.XML"));
+        return false;
+    }
+    QSharedPointer<Element> list = man->link_list();
+    if (!list) {
+        list = QSharedPointer<Elements::Base::Link_lst>::create(man.toWeakRef());
+        man->set_link_list(list);
+    }
+    const QString previous = xi.cur_infilepath();
+    xi.set_cur_infilepath(path);
+    const bool ok = list->load_xml(list, r, xi, Elements::Base::xml_part_all);
+    xi.set_cur_infilepath(previous);
+    return ok;
+}
+
+bool read_guid_list(XML_interface& xi, const QSharedPointer<Element_man>& man)
+{
+    const QString path = xi.find_optional(guid_list_name);
+    if (path.isEmpty())
+        return true;
+    QFile f(path);
+    if (!f.open(QIODevice::ReadOnly)) {
+        xi.add_warning(tr("Could not open %1").arg(path));
+        return true;
+    }
+    xi.note_used_file(QFileInfo(path).fileName());
+    QXmlStreamReader r(&f);
+    while (!r.atEnd() && r.readNext() != QXmlStreamReader::StartElement) {
+    }
+    if (r.tokenType() != QXmlStreamReader::StartElement || r.name() != guid_list_root) {
+        if (r.hasError())
+            xi.set_fail(path, r);
+        else
+            xi.set_fail(tr("Not a valid GUIDLIST.XML"));
+        return false;
+    }
+    int depth = 1;
+    while (depth > 0 && !r.atEnd()) {
+        const QXmlStreamReader::TokenType t = r.readNext();
+        if (t == QXmlStreamReader::EndElement) {
+            --depth;
+            continue;
+        }
+        if (t != QXmlStreamReader::StartElement)
+            continue;
+        ++depth;
+        if (depth != 2 || r.name() != QLatin1String("GUID"))
+            continue;
+        const QXmlStreamAttributes attrs = r.attributes();
+        const QString id = attrs.value(QLatin1String("ID")).toString();
+        const QUuid guid(attrs.value(QLatin1String("GUID")).toString());
+        QString prefix;
+        int n = 0;
+        if (guid.isNull() || !Attributes::Base::UniqueID::deconstruct_uid_string(prefix, n, id) || n == 0) {
+            xi.add_warning(tr("Bad entry in %1: %2").arg(path, id));
+            continue;
+        }
+        man->register_uid_for_guid(prefix, n, guid);
+    }
+    if (r.hasError()) {
+        xi.set_fail(path, r);
+        return false;
+    }
+    return true;
+}
+
+// Reports what a loaded tree lacks: files its elements refer to, identifiers refused.
+void check_tree(XML_interface& xi, const QSharedPointer<Element>& root)
+{
+    for (const Task_data_files::Referenced_file& f : Task_data_files::referenced_files(root))
+        if (f.tag != xfr_tag) // looked up while reading
+            xi.infilepath(f.name);
+    walk(root.data(), [&](Element* e) {
+        Attributes::Base::UniqueID* id = e->id_attribute();
+        if (id && id->present() && !id->valid())
+            xi.add_warning(tr("%1 \"%2\" has an identifier that is malformed or already taken")
+                               .arg(e->get_tag(), e->get_designator()));
+    });
+}
+
+// --- writing ---
+
+int count_elements(Element* root)
+{
+    int n = 0;
+    walk(root, [&](Element*) { ++n; });
+    return n;
+}
+
+// The name a file gets in the output directory: the name of a file there that differs only in
+// case (so that it is replaced rather than joined by a second one), else the name it has in the
+// directory the tree was read from, else `name`.
+QString output_name(const XML_interface& xi, const QString& name, const QString& source_dir = QString())
+{
+    QString existing = File_lookup::find(xi.output_dir(), name, true).path;
+    if (existing.isEmpty() && !source_dir.isEmpty())
+        existing = File_lookup::find(source_dir, name, true).path;
+    return existing.isEmpty() ? name : QFileInfo(existing).fileName();
+}
+
+// One whole file of the output directory, checked against what was meant to be written.
+bool write_whole(XML_interface& xi, const QString& name, const QByteArray& data)
+{
+    const QString path = xi.outfilepath(name);
+    QString error;
+    if (!xi.write_file_atomic(path, data, &error)) {
+        xi.set_fail(error);
+        return false;
+    }
+    const qint64 size = QFileInfo(path).size();
+    if (size != data.size()) {
+        fprintf(stderr, "File size does not match %s/%s %d %d\n", xi.output_dir().toUtf8().constData(),
+                name.toUtf8().constData(), int(size), int(data.size()));
+        xi.set_fail(tr("File size does not match %1/%2 %3 %4").arg(xi.output_dir(), name).arg(size).arg(data.size()));
+        return false;
+    }
+    xi.note_used_file(QFileInfo(path).fileName());
+    return true;
+}
+
+struct Writer
+{
+    XML_interface& xi;
+    QSharedPointer<Element> root;
+    int version;
+    QString source_dir; // where the tree was read from
+    QHash<const Element*, QString> external_of; // top-level elements that go to an external file
+
+    bool write_main(QByteArray& out);
+    bool write_external_files(QSet<QString>& written);
+    bool write_link_list(const QSharedPointer<Element>& list);
+    bool write_guid_list(const QSharedPointer<Element_man>& man);
+};
+
+bool Writer::write_main(QByteArray& out)
+{
+    QBuffer buffer(&out);
+    buffer.open(QIODevice::WriteOnly);
+    QXmlStreamWriter w(&buffer);
+    w.setAutoFormatting(true);
+    xi.write_start_document(w);
+    xi.set_cur_outfilename(QString());
+    xi.set_partial_save_state(1);
+    bool ok = root->save_xml(root, w, xi, Elements::Base::xml_part_start | Elements::Base::xml_part_attributes);
+    if (ok && xi.write_children()) {
+        const unsigned lists = root->_num_element_lists();
+        for (unsigned l = 0; ok && l < lists; ++l) {
+            Element_list* list = root->_element_list(l);
+            if (list->version() > version || list->isEmpty())
+                continue;
+            if (xi.keep_proprietary() && xi.individual_save(list->tag())) {
+                ok = list->save_xml(root, w, xi);
+                continue;
+            }
+            for (const auto& c : list->elements()) {
+                if (xi.cancelled()) {
+                    xi.set_fail(tr("Cancelled"));
+                    ok = false;
+                    break;
+                }
+                if (external_of.contains(c.data()))
+                    continue;
+                if (!c->save_xml(c, w, xi)) {
+                    ok = false;
+                    break;
+                }
+            }
+        }
+    }
+    w.writeEndElement();
+    w.writeEndDocument();
+    xi.set_partial_save_state(0);
+    if (w.hasError()) {
+        xi.set_fail(tr("Write error on %1").arg(xi.main_outfilepath()));
+        return false;
+    }
+    return ok && xi.ok();
+}
+
+bool Writer::write_external_files(QSet<QString>& written)
+{
+    Element_list* references = root->find_list(xfr_tag);
+    if (!references)
+        return true;
+    for (const auto& ref : references->elements()) {
+        const QString base = static_cast<Elements::Base::External_file_reference*>(ref.data())->filename.get_string();
+        if (base.isEmpty() || written.contains((base + QStringLiteral(".XML")).toUpper()))
+            continue;
+        QVector<QSharedPointer<Element>> members;
+        const unsigned lists = root->_num_element_lists();
+        for (unsigned l = 0; l < lists; ++l) {
+            Element_list* list = root->_element_list(l);
+            if (list->version() > version)
+                continue;
+            for (const auto& c : list->elements())
+                if (external_of.value(c.data()) == base)
+                    members.append(c);
+        }
+        if (members.isEmpty())
+            continue;
+        const QString name = output_name(xi, base + QStringLiteral(".XML"), source_dir);
+        QByteArray data;
+        {
+            QBuffer buffer(&data);
+            buffer.open(QIODevice::WriteOnly);
+            QXmlStreamWriter w(&buffer);
+            w.setAutoFormatting(true);
+            xi.write_start_document(w);
+            w.writeStartElement(xfc_tag);
+            xi.set_cur_outfilename(name);
+            for (const auto& c : members)
+                if (!c->save_xml(c, w, xi))
+                    break;
+            xi.set_cur_outfilename(QString());
+            w.writeEndElement();
+            w.writeEndDocument();
+            if (w.hasError())
+                xi.set_fail(tr("Write error on %1").arg(xi.outfilepath(name)));
+        }
+        if (!xi.ok() || !write_whole(xi, name, data))
+            return false;
+        written.insert(name.toUpper());
+    }
+    return true;
+}
+
+bool Writer::write_link_list(const QSharedPointer<Element>& list)
+{
+    const QString name = output_name(xi, link_list_name);
+    QByteArray data;
+    {
+        QBuffer buffer(&data);
+        buffer.open(QIODevice::WriteOnly);
+        QXmlStreamWriter w(&buffer);
+        w.setAutoFormatting(true);
+        xi.write_start_document(w);
+        xi.set_cur_outfilename(name);
+        list->save_xml(list, w, xi);
+        xi.set_cur_outfilename(QString());
+        w.writeEndDocument();
+        if (w.hasError())
+            xi.set_fail(tr("Write error on %1").arg(xi.outfilepath(name)));
+    }
+    return xi.ok() && write_whole(xi, name, data);
+}
+
+bool Writer::write_guid_list(const QSharedPointer<Element_man>& man)
+{
+    const QVector<Element_man::Guid_entry> entries = man->guid_entries();
+    if (entries.isEmpty())
+        return true;
+    const QString name = output_name(xi, guid_list_name);
+    QByteArray data;
+    {
+        QBuffer buffer(&data);
+        buffer.open(QIODevice::WriteOnly);
+        QXmlStreamWriter w(&buffer);
+        w.setAutoFormatting(true);
+        xi.write_start_document(w);
+        w.writeStartElement(guid_list_root);
+        for (const Element_man::Guid_entry& e : entries) {
+            w.writeEmptyElement(QStringLiteral("GUID"));
+            w.writeAttribute(QStringLiteral("ID"), Attributes::Base::UniqueID::construct_uid_string(e.prefix, e.n));
+            w.writeAttribute(QStringLiteral("GUID"), e.guid.toString(QUuid::WithBraces));
+        }
+        w.writeEndElement();
+        w.writeEndDocument();
+    }
+    return write_whole(xi, name, data);
+}
+
+// Whether writing the tree with an older format version keeps every value: an attribute or a
+// child list that the version lacks, or a value it writes differently, would be lost.
+bool expressible(const QSharedPointer<Element>& root, int version)
+{
+    if (version >= 4)
+        return true;
+    bool fits = true;
+    walk(root.data(), [&](Element* e) {
+        if (!fits)
+            return;
+        const unsigned n = e->_num_iso_attributes();
+        for (unsigned i = 0; i < n && fits; ++i) {
+            // The root's own version numbers are what changes with the version.
+            if (e == root.data() && (i == Elements::Base::Task_data::idx_ver_major ||
+                                     i == Elements::Base::Task_data::idx_ver_minor))
+                continue;
+            Attributes::Base::Attribute* a = e->_attribute(i);
+            if (!(a->flags() & (Attributes::Base::Attribute::flag_present | Attributes::Base::Attribute::flag_valid)))
+                continue;
+            if (a->base_spec().version > version) {
+                fits = false;
+                break;
+            }
+            QString older, newest;
+            a->xml_value(older, e, version);
+            a->xml_value(newest, e, 4);
+            fits = older == newest;
+        }
+        const unsigned lists = e->_num_element_lists();
+        for (unsigned l = 0; l < lists && fits; ++l) {
+            const Element_list* list = e->_element_list(l);
+            fits = list->version() <= version || list->isEmpty();
+        }
+    });
+    return fits;
+}
+
+bool same_directory(const QString& a, const QString& b)
+{
+    const QString ca = QFileInfo(a).canonicalFilePath();
+    const QString cb = QFileInfo(b).canonicalFilePath();
+    return !ca.isEmpty() && ca == cb;
+}
+
+// Brings the files the tree refers to from the directory it was read from into the output
+// directory, as they are, so that the output directory is complete.
+// `written`: upper-case names of the files this save writes itself.
+bool copy_referenced_files(XML_interface& xi, const QSharedPointer<Element>& root, const QString& source,
+                           const QSet<QString>& written)
+{
+    const bool same = source.isEmpty() || same_directory(source, xi.output_dir());
+    for (const Task_data_files::Referenced_file& f : Task_data_files::referenced_files(root)) {
+        if (written.contains(f.name.toUpper()))
+            continue;
+        if (same) {
+            const QString existing = File_lookup::find(xi.output_dir(), f.name, true).path;
+            if (existing.isEmpty())
+                xi.add_warning(tr("Could not find file: %1 in %2").arg(f.name, xi.output_dir()));
+            else
+                xi.note_used_file(QFileInfo(existing).fileName());
+            continue;
+        }
+        const File_lookup::Result found = File_lookup::find(source, f.name, true);
+        if (found.path.isEmpty()) {
+            xi.add_warning(found.message);
+            continue;
+        }
+        QFile in(found.path);
+        if (!in.open(QIODevice::ReadOnly)) {
+            xi.add_warning(tr("Could not open %1").arg(found.path));
+            continue;
+        }
+        const QByteArray data = in.readAll();
+        const QString existing = File_lookup::find(xi.output_dir(), f.name, true).path;
+        const QString name = existing.isEmpty() ? QFileInfo(found.path).fileName() : QFileInfo(existing).fileName();
+        if (!xi.write_file(name, data))
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
+// --- public ---
+
+QVector<Task_data_files::Referenced_file> Task_data_files::referenced_files(const QSharedPointer<Element>& root)
+{
+    QVector<Referenced_file> out;
+    if (!root)
+        return out;
+    QSet<QString> seen;
+    auto add = [&](const QString& name, const char* tag) {
+        if (name.isEmpty())
+            return;
+        const QString key = name.toUpper();
+        if (seen.contains(key))
+            return;
+        seen.insert(key);
+        out.append({name, QString::fromLatin1(tag)});
+    };
+    using namespace Elements::Base;
+    walk(root.data(), [&](Element* e) {
+        const char* tag = e->kind().tag;
+        if (tag_is(e, "GRD")) {
+            const QString base = static_cast<Grid*>(e)->filename.get_string();
+            if (!base.isEmpty())
+                add(base + QStringLiteral(".BIN"), tag);
+        } else if (tag_is(e, "TLG")) {
+            auto t = static_cast<Time_log*>(e);
+            if (t->filename.get_val() != 0) {
+                const QString base = t->filename.get_as_string();
+                add(base + QStringLiteral(".XML"), tag);
+                add(base + QStringLiteral(".BIN"), tag);
+            }
+        } else if (tag_is(e, "PNT")) {
+            const QString base = static_cast<Point*>(e)->filename.get_string();
+            if (!base.isEmpty())
+                add(base + QStringLiteral(".BIN"), tag);
+        } else if (tag_is(e, "AFE")) {
+            add(static_cast<Attached_file*>(e)->filename.get_string(), tag);
+        } else if (tag_is(e, "XFR")) {
+            const QString base = static_cast<External_file_reference*>(e)->filename.get_string();
+            if (!base.isEmpty())
+                add(base + QStringLiteral(".XML"), tag);
+        }
+    });
+    return out;
+}
+
+QVector<Task_data_files::Referenced_file> Task_data_files::individual_files(const XML_interface& xi,
+                                                                           const QSharedPointer<Element>& root)
+{
+    QVector<Referenced_file> out;
+    if (!root || !xi.any_individual_save() || !xi.keep_proprietary())
+        return out;
+    walk(root.data(), [&](Element* e) {
+        const unsigned lists = e->_num_element_lists();
+        for (unsigned l = 0; l < lists; ++l) {
+            Element_list* list = e->_element_list(l);
+            if (!xi.individual_save(list->tag()))
+                continue;
+            for (const auto& c : list->elements())
+                if (c->get_id() != 0)
+                    out.append({QStringLiteral("%1_%2.XML").arg(list->tag()).arg(c->get_id()), list->tag()});
+        }
+    });
+    return out;
+}
+
+QSharedPointer<Elements::Base::Task_data> Task_data_files::create_document(const QSharedPointer<Element_man>& man,
+                                                                           int format_version)
+{
+    if (!man)
+        return QSharedPointer<Elements::Base::Task_data>();
+    auto root = QSharedPointer<Elements::Base::Task_data>::create(man.toWeakRef());
+    const QSharedPointer<Element> self = root;
+    root->set_attributes_to_default(self, false);
+    root->ver_major.set_val(self, quint8(format_version));
+    root->ver_minor.set_val(self, quint8(format_version >= 4 ? 3 : format_version == 3 ? 3 : 1));
+    root->mngt_sw_manufacturer.set_string(self, QStringLiteral("Tarvex Agriculture"));
+    root->mngt_sw_ver.set_string(self, QStringLiteral("korvaneltaskdata 0.1"));
+    // Made on the terminal: the data goes from the machine to farm software.
+    root->data_xfer_origin.set_val(self, 2);
+    man->set_root(root);
+    const QSharedPointer<Document_state> state = state_of(man, true);
+    state->format_version = format_version;
+    state->origins.clear();
+    return root;
+}
+
+int Task_data_files::document_format_version(const QSharedPointer<Element_man>& man)
+{
+    const QSharedPointer<Document_state> state = state_of(man, false);
+    return state ? state->format_version : 0;
+}
+
+QString Task_data_files::external_origin(const QSharedPointer<Element_man>& man, const Element* element)
+{
+    const QSharedPointer<Document_state> state = state_of(man, false);
+    if (!state || !element)
+        return QString();
+    for (const auto& o : state->origins)
+        if (o.first.toStrongRef().data() == element)
+            return o.second;
+    return QString();
+}
+
+bool Task_data_files::load(XML_interface& xi, const QSharedPointer<Element_man>& man)
+{
+    QElapsedTimer timer;
+    timer.start();
+    xi.reset_state();
+    const QString dir = xi.output_dir();
+    const QString main_name = xi.main_outfilename();
+    QString main_path;
+    auto finish = [&](bool ok) {
+        printf("XML_LOAD_NEW %dms ok=%d file=%s\n", int(timer.elapsed()), int(ok && xi.ok()),
+               (main_path.isEmpty() ? QDir(dir).filePath(main_name) : main_path).toUtf8().constData());
+        fflush(stdout);
+        return ok && xi.ok();
+    };
+    if (!man) {
+        xi.set_fail(tr("No element manager"));
+        return finish(false);
+    }
+    if (dir.isEmpty() || !QFileInfo(dir).isDir()) {
+        fprintf(stderr, "Path '%s' does not exist\n", dir.toUtf8().constData());
+        xi.set_fail(tr("Path '%1' does not exist\n").arg(dir).trimmed());
+        return finish(false);
+    }
+    const File_lookup::Result found = File_lookup::find(dir, main_name);
+    if (found.path.isEmpty()) {
+        xi.set_fail(found.message);
+        return finish(false);
+    }
+    if (!found.message.isEmpty())
+        xi.add_warning(found.message);
+    main_path = found.path;
+    xi.note_used_file(QFileInfo(main_path).fileName());
+
+    QFile f(main_path);
+    if (!f.open(QIODevice::ReadOnly)) {
+        xi.set_fail(tr("Could not open %1").arg(main_path));
+        return finish(false);
+    }
+    QXmlStreamReader r(&f);
+    while (!r.atEnd() && r.readNext() != QXmlStreamReader::StartElement) {
+    }
+    if (r.tokenType() != QXmlStreamReader::StartElement) {
+        xi.set_fail(tr("Could not find start tag"));
+        return finish(false);
+    }
+    if (r.name() != QLatin1String(Elements::Base::Task_data::static_kind().tag)) {
+        xi.set_fail(tr("Not a valid TASKDATA.XML"));
+        return finish(false);
+    }
+    const QXmlStreamAttributes attrs = r.attributes();
+    if (!attrs.hasAttribute(QLatin1String("VersionMajor"))) {
+        xi.set_fail(tr("No Version Major tag"));
+        return finish(false);
+    }
+    bool number = false;
+    const int version = attrs.value(QLatin1String("VersionMajor")).trimmed().toInt(&number);
+    if (!number || version < 0) {
+        xi.set_fail(tr("Bad Version Major tag"));
+        return finish(false);
+    }
+    // Not through set_format_version(): the version belongs to this run, not to a later save
+    // of another document through the same interface.
+    xi.m_format_version = version;
+
+    man->set_task_data_dir(QFileInfo(main_path).absolutePath());
+    QSharedPointer<Element> root = man->root();
+    if (!root) {
+        root = QSharedPointer<Elements::Base::Task_data>::create(man.toWeakRef());
+        man->set_root(root);
+    } else if (!tag_is(root.data(), Elements::Base::Task_data::static_kind().tag)) {
+        xi.set_fail(tr("The manager's root is not a task data root"));
+        return finish(false);
+    }
+    const QSharedPointer<Document_state> state = state_of(man, true);
+    state->format_version = version;
+    state->origins.clear();
+
+    xi.set_cur_infilepath(main_path);
+    bool ok = root->load_xml(root, r, xi, Elements::Base::xml_part_attributes);
+    if (ok) {
+        Reader reader{xi, root, *state, {}};
+        ok = reader.read_children(r, main_path, QString());
+    }
+    xi.set_cur_infilepath(QString());
+    if (!ok)
+        return finish(false);
+    if (!read_link_list(xi, man) || !read_guid_list(xi, man))
+        return finish(false);
+    check_tree(xi, root);
+    return finish(true);
+}
+
+bool Task_data_files::save(XML_interface& xi, const QSharedPointer<Element_man>& man)
+{
+    QElapsedTimer timer;
+    timer.start();
+    xi.reset_state();
+    const QString dir = xi.output_dir();
+    const QSharedPointer<Element> root = man ? man->root() : QSharedPointer<Element>();
+    QString main_name = xi.main_outfilename();
+    auto finish = [&](bool ok) {
+        printf("XML_SAVE_OLD %dms ok=%d objs=%d/%d file=%s\n", int(timer.elapsed()), int(ok && xi.ok()),
+               xi.objects_done(), xi.total_objects(), QDir(dir).filePath(main_name).toUtf8().constData());
+        fflush(stdout);
+        return ok && xi.ok();
+    };
+    if (!root) {
+        xi.set_fail(tr("No task data to save"));
+        return finish(false);
+    }
+    if (dir.isEmpty()) {
+        xi.set_fail(tr("No output directory"));
+        return finish(false);
+    }
+    const QFileInfo dir_info(dir);
+    if (dir_info.exists() && !dir_info.isDir()) {
+        xi.set_fail(tr("Path '%1' is not a directory").arg(dir));
+        return finish(false);
+    }
+    if (!dir_info.exists() && !QDir().mkpath(dir)) {
+        xi.set_fail(tr("Could not create directory %1").arg(dir));
+        return finish(false);
+    }
+    main_name = output_name(xi, main_name);
+
+    int version = xi.format_version();
+    if (!xi.format_version_set()) {
+        const int v = document_format_version(man);
+        if (v > 0)
+            version = v;
+        // A document that claims an older version than its content needs (a v3 file with v4
+        // point types) is written as version 4 rather than losing that content.
+        if (!expressible(root, version)) {
+            xi.add_warning(tr("The document of format version %1 holds content of version 4: written as version 4")
+                               .arg(version));
+            version = 4;
+        }
+        xi.m_format_version = version;
+    }
+
+    Writer writer{xi, root, version, man->task_data_dir(), {}};
+    QSet<QString> references;
+    if (Element_list* list = root->find_list(xfr_tag))
+        for (const auto& ref : list->elements())
+            references.insert(static_cast<Elements::Base::External_file_reference*>(ref.data())->filename.get_string());
+    if (const QSharedPointer<Document_state> state = state_of(man, false)) {
+        for (const auto& o : state->origins) {
+            const QSharedPointer<Element> e = o.first.toStrongRef();
+            if (e && e->parent_element() == root.data() && references.contains(o.second))
+                writer.external_of.insert(e.data(), o.second);
+        }
+    }
+    const QSharedPointer<Element> link_list = man->link_list();
+    xi.set_total_objects(count_elements(root.data()) + (link_list ? count_elements(link_list.data()) : 0));
+
+    // Everything the main file refers to is in place before the main file is: a crash in
+    // between leaves the old main file with files it does not need, never the reverse.
+    QByteArray main_data;
+    if (!writer.write_main(main_data))
+        return finish(false);
+    QSet<QString> written{main_name.toUpper(), guid_list_name};
+    if (link_list)
+        written.insert(link_list_name);
+    if (!writer.write_external_files(written))
+        return finish(false);
+    if (!copy_referenced_files(xi, root, man->task_data_dir(), written))
+        return finish(false);
+    if (link_list && !writer.write_link_list(link_list))
+        return finish(false);
+    if (xi.keep_proprietary() && !writer.write_guid_list(man))
+        return finish(false);
+    xi.set_partial_save_state(1);
+    const bool ok = write_whole(xi, main_name, main_data);
+    xi.set_partial_save_state(0);
+    return finish(ok);
+}
+
+} // namespace Task_data
+} // namespace TC

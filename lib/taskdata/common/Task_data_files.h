@@ -1,0 +1,63 @@
+// Task_data_files: reads and writes a whole task data directory for XML_interface -- the main
+// document, its external files (XFR references to XFC files), individually saved elements,
+// "LINKLIST.XML" and "GUIDLIST.XML" -- and knows which files the elements of a tree refer to.
+//
+// Ownership: stateless functions. What must outlive one run (the format version a document was
+// read or created with, which top-level elements came from which external file) is kept with
+// the element manager, so a tree loaded through one interface can be saved through another.
+// Threads: the thread running the XML_interface's load or save, which must be the only one
+// changing the tree meanwhile.
+#pragma once
+
+#include <taskdata/taskdata_export.h>
+
+#include <QSharedPointer>
+#include <QString>
+#include <QVector>
+
+namespace TC {
+namespace Task_data {
+
+class XML_interface;
+
+namespace Elements {
+namespace Base {
+class Element;
+class Element_man;
+class Task_data;
+} // namespace Base
+} // namespace Elements
+
+class KTD_EXPORT Task_data_files
+{
+public:
+    // One file an element refers to, by the name the element gives ("GRD00001.BIN").
+    struct Referenced_file
+    {
+        QString name;
+        QString tag; // XML code of the referring element ("GRD", "TLG", "PNT", "AFE", "XFR")
+    };
+
+    static bool load(XML_interface& xi, const QSharedPointer<Elements::Base::Element_man>& man);
+    static bool save(XML_interface& xi, const QSharedPointer<Elements::Base::Element_man>& man);
+
+    // Every file the tree under `root` refers to, in tree order, each name once: external files
+    // ("<XFR A>.XML"), grids ("<GRD G>.BIN"), time logs ("<TLG A>.XML" and ".BIN"), binary
+    // point files ("<PNT J>.BIN") and attached files ("<AFE A>").
+    static QVector<Referenced_file> referenced_files(const QSharedPointer<Elements::Base::Element>& root);
+    // The "%1_%2.XML" files the interface's individual-save settings give the tree.
+    static QVector<Referenced_file> individual_files(const XML_interface& xi,
+                                                     const QSharedPointer<Elements::Base::Element>& root);
+
+    static QSharedPointer<Elements::Base::Task_data>
+    create_document(const QSharedPointer<Elements::Base::Element_man>& man, int format_version);
+    // The format version the manager's document was read or created with; 0 when unknown.
+    static int document_format_version(const QSharedPointer<Elements::Base::Element_man>& man);
+    // The external file (XFR file name, without extension) a top-level element was read from;
+    // empty when it stands in the main document.
+    static QString external_origin(const QSharedPointer<Elements::Base::Element_man>& man,
+                                   const Elements::Base::Element* element);
+};
+
+} // namespace Task_data
+} // namespace TC

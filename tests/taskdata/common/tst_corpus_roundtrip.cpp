@@ -1,0 +1,392 @@
+// Whole task data directories of the corpus through XML_interface: every set loads (the bad-*
+// sets fail or warn with their messages), every loadable set survives load -> save elsewhere ->
+// load with an identical tree and a complete output directory, and output written without
+// proprietary content is schema-valid wherever its input is.
+#include <taskdata/common/File_lookup.h>
+#include <taskdata/common/Task_data_files.h>
+#include <taskdata/common/XML_interface.h>
+#include <taskdata/elements/base/Catalogue.h>
+#include <taskdata/elements/base/Element_man.h>
+
+#include "test_support.h"
+
+#include <QProcess>
+#include <QRegularExpression>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QXmlStreamReader>
+#include <QtTest>
+
+#include <cmath>
+
+using namespace TC::Task_data;
+using namespace TC::Task_data::Attributes::Base;
+using namespace TC::Task_data::Elements::Base;
+
+namespace {
+
+int count_tree(const Element* e)
+{
+    int n = 1;
+    for (unsigned l = 0; l < e->_num_element_lists(); ++l)
+        for (const auto& c : const_cast<Element*>(e)->_element_list(l)->elements())
+            n += count_tree(c.data());
+    return n;
+}
+
+bool has_list(const Kind_info* kind, const QString& tag)
+{
+    for (unsigned i = 0; i < kind->num_lists; ++i)
+        if (tag == QLatin1String(kind->list_tags[i]))
+            return true;
+    return false;
+}
+
+// Elements below the reader's current start tag that stand where their parent kind has a list
+// of their tag (anything else is no element of the tree: misplaced or proprietary).
+int count_children(QXmlStreamReader& r, const Kind_info* kind)
+{
+    int n = 0;
+    while (r.readNextStartElement()) {
+        const QString tag = r.name().toString();
+        if (has_list(kind, tag))
+            n += 1 + count_children(r, Catalogue::find(tag));
+        else
+            r.skipCurrentElement();
+    }
+    return n;
+}
+
+// The elements of a main file (with its root) or of an external file (without its "XFC" root,
+// whose children join the main file's root), read independently of the element layer.
+int count_xml_elements(const QString& path)
+{
+    QFile f(path);
+    if (!f.open(QIODevice::ReadOnly))
+        return -1;
+    QXmlStreamReader r(&f);
+    if (!r.readNextStartElement())
+        return -1;
+    const bool external = r.name() == QLatin1String("XFC");
+    const int n = count_children(r, &Task_data::static_kind()) + (external ? 0 : 1);
+    return r.hasError() ? -1 : n;
+}
+
+QString main_file(const QString& dir) { return File_lookup::find(dir, "TASKDATA.XML", true).path; }
+
+struct Expectation
+{
+    bool ok;
+    QStringList fragments; // in the failure text (failing sets) or among the warnings
+};
+
+// What the bad sets must report; every other set loads without failure.
+QHash<QString, Expectation> expectations()
+{
+    return {
+        {"bad-invalid-xml", {false, {"Error \"", "TASKDATA.xml:3:84:420"}}},
+        {"bad-grid-without-binary", {true, {"Could not find file: GRD00001.BIN in"}}},
+        {"bad-duplicate-ids",
+         {true,
+          {"CTP \"\" has an identifier that is malformed or already taken",
+           "WKR \"Worker WKR1 (2)\" has an identifier that is malformed or already taken"}}},
+    };
+}
+
+QStringList corpus_sets()
+{
+    const QString corpus = Ktd_test::corpus_dir();
+    if (corpus.isEmpty())
+        return {};
+    return QDir(corpus).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
+}
+
+bool loads(const QString& set) { return expectations().value(set, {true, {}}).ok; }
+
+// --- tree comparison ---
+
+QString describe(const Element* e)
+{
+    QStringList path;
+    for (const Element* p = e; p; p = p->parent_element()) {
+        const QString id = p->get_id_string();
+        path.prepend(id.isEmpty() ? p->get_tag() : id);
+    }
+    return path.join('/');
+}
+
+// Empty when equal, else the first difference.
+QString compare_attribute(Element* ea, Attribute* a, Element* eb, Attribute* b)
+{
+    auto ua = dynamic_cast<UniqueID*>(a);
+    // An identifier refused on reading (a duplicate) is written as number 0, which reads back
+    // as "no identifier": the same meaning, accepted this time.
+    const bool refused_id = ua && ua->get_val() == 0 && static_cast<UniqueID*>(b)->get_val() == 0;
+    if (a->present() != b->present() || (a->valid() != b->valid() && !refused_id) ||
+        a->empty_text() != b->empty_text())
+        return QString("flags %1/%2").arg(a->flags()).arg(b->flags());
+    if (auto fa = dynamic_cast<Float*>(a)) {
+        const double x = fa->get_val(), y = static_cast<Float*>(b)->get_val();
+        if (std::abs(x - y) > 1e-12 * std::max(1.0, std::abs(x)))
+            return QString("value %1 / %2").arg(x, 0, 'g', 17).arg(y, 0, 'g', 17);
+        return QString();
+    }
+    if (auto da = dynamic_cast<Datetime*>(a)) {
+        if (da->get_qdt() != static_cast<Datetime*>(b)->get_qdt())
+            return QString("instant %1 / %2")
+                .arg(da->get_qdt().toString(Qt::ISODateWithMs), static_cast<Datetime*>(b)->get_qdt().toString(Qt::ISODateWithMs));
+        return QString();
+    }
+    if (ua) {
+        if (ua->get_guid() != static_cast<UniqueID*>(b)->get_guid())
+            return QString("GUID %1 / %2").arg(ua->get_guid().toString(), static_cast<UniqueID*>(b)->get_guid().toString());
+    }
+    QString ta, tb;
+    const bool wa = a->xml_value(ta, ea, 4), wb = b->xml_value(tb, eb, 4);
+    if (wa != wb || ta != tb)
+        return QString("text \"%1\" / \"%2\"").arg(ta, tb);
+    return QString();
+}
+
+QString compare_trees(Element* a, Element* b)
+{
+    if (a->get_tag() != b->get_tag())
+        return describe(a) + ": tag " + b->get_tag();
+    for (unsigned i = 0; i < a->_num_iso_attributes(); ++i) {
+        const QString d = compare_attribute(a, a->_attribute(i), b, b->_attribute(i));
+        if (!d.isEmpty())
+            return describe(a) + " @" + a->_attribute(i)->xml_name() + ": " + d;
+    }
+    const QVector<Attribute*> xa = a->extra_attributes(), xb = b->extra_attributes();
+    if (xa.size() != xb.size())
+        return describe(a) + QString(": %1 / %2 extra attributes").arg(xa.size()).arg(xb.size());
+    for (Attribute* x : xa) {
+        Attribute* y = b->extra_attribute(x->xml_name());
+        if (!y)
+            return describe(a) + ": extra attribute lost";
+        if (x->to_string() != y->to_string())
+            return describe(a) + ": extra attribute " + x->to_string() + " / " + y->to_string();
+    }
+    if (a->extended_parameters() != b->extended_parameters())
+        return describe(a) + ": extended parameters differ";
+    for (unsigned l = 0; l < a->_num_element_lists(); ++l) {
+        Element_list* la = a->_element_list(l);
+        Element_list* lb = b->_element_list(l);
+        if (la->count() != lb->count())
+            return describe(a) + QString(": %1 %2 / %3").arg(la->tag()).arg(la->count()).arg(lb->count());
+        for (int i = 0; i < la->count(); ++i) {
+            const QString d = compare_trees(la->at(i).data(), lb->at(i).data());
+            if (!d.isEmpty())
+                return d;
+        }
+    }
+    return QString();
+}
+
+// --- schemas ---
+
+QString xmllint() { return QStandardPaths::findExecutable("xmllint"); }
+
+// The schemas as they are, less the fractionDigits facets: floats are written with 14 decimals.
+bool copy_schemas(const QString& from, const QString& to)
+{
+    static const QRegularExpression facet("<xs:fractionDigits[^>]*/>");
+    for (const QString& name : QDir(from).entryList({"*.xsd"}, QDir::Files)) {
+        QFile in(QDir(from).filePath(name));
+        QFile out(QDir(to).filePath(name));
+        if (!in.open(QIODevice::ReadOnly) || !out.open(QIODevice::WriteOnly))
+            return false;
+        out.write(QString::fromUtf8(in.readAll()).remove(facet).toUtf8());
+    }
+    return true;
+}
+
+// Empty when valid, else xmllint's complaint.
+QString validate(const QString& schema, const QString& file)
+{
+    QProcess p;
+    p.start(xmllint(), {"--noout", "--schema", schema, file});
+    if (!p.waitForFinished(60000))
+        return "xmllint did not finish";
+    if (p.exitCode() == 0)
+        return QString();
+    return QString::fromUtf8(p.readAllStandardError()).left(2000);
+}
+
+} // namespace
+
+class Tst_corpus_roundtrip : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void load_every_set_data();
+    void load_every_set();
+    void round_trip_data();
+    void round_trip();
+    void schema_valid_output_data();
+    void schema_valid_output();
+};
+
+void Tst_corpus_roundtrip::load_every_set_data()
+{
+    QTest::addColumn<QString>("set");
+    QTest::addColumn<bool>("expect_ok");
+    QTest::addColumn<QStringList>("fragments");
+    const auto exp = expectations();
+    for (const QString& set : corpus_sets()) {
+        const Expectation e = exp.value(set, {true, {}});
+        QTest::newRow(qPrintable(set)) << set << e.ok << e.fragments;
+    }
+}
+
+void Tst_corpus_roundtrip::load_every_set()
+{
+    KTD_REQUIRE_CORPUS(corpus);
+    QFETCH(QString, set);
+    QFETCH(bool, expect_ok);
+    QFETCH(QStringList, fragments);
+    const QString dir = QDir(corpus).filePath(set);
+    auto man = Element_man::create();
+    XML_interface xi(dir);
+    bool ok;
+    {
+        Ktd_test::Capture_fd quiet_out(1), quiet_err(2);
+        ok = xi.load(man);
+    }
+    QCOMPARE(ok, expect_ok);
+    QCOMPARE(xi.ok(), expect_ok);
+    const QString reported = expect_ok ? xi.warnings().join('\n') : xi.fail_text();
+    for (const QString& f : fragments)
+        QVERIFY2(reported.contains(f), qPrintable("missing \"" + f + "\" in: " + reported));
+    QVERIFY(man->root());
+    if (!expect_ok)
+        return;
+    QCOMPARE(xi.warnings().filter("Could not open").size(), 0);
+
+    // Every element of the main file and of its external files is in the tree, once.
+    int expected = count_xml_elements(main_file(dir));
+    for (const auto& f : Task_data_files::referenced_files(man->root()))
+        if (f.tag == "XFR")
+            expected += count_xml_elements(File_lookup::find(dir, f.name, true).path);
+    QCOMPARE(count_tree(man->root().data()), expected);
+    qInfo("%s: %d elements, %d warnings", qPrintable(set), expected, int(xi.warnings().size()));
+}
+
+void Tst_corpus_roundtrip::round_trip_data()
+{
+    QTest::addColumn<QString>("set");
+    for (const QString& set : corpus_sets())
+        if (loads(set))
+            QTest::newRow(qPrintable(set)) << set;
+}
+
+void Tst_corpus_roundtrip::round_trip()
+{
+    KTD_REQUIRE_CORPUS(corpus);
+    QFETCH(QString, set);
+    const QString source = QDir(corpus).filePath(set);
+    QTemporaryDir out;
+    QVERIFY(out.isValid());
+    const QString target = QDir(out.path()).filePath("copy");
+
+    auto first = Element_man::create();
+    XML_interface in(source);
+    auto second = Element_man::create();
+    XML_interface back(target);
+    QStringList writer_warnings;
+    {
+        Ktd_test::Capture_fd quiet_out(1), quiet_err(2);
+        QVERIFY(in.load(first));
+        XML_interface writer(source);
+        writer.set_output_dir(target);
+        QVERIFY2(writer.save(first), qPrintable(writer.fail_text()));
+        writer_warnings = writer.warnings();
+        QVERIFY2(back.load(second), qPrintable(back.fail_text()));
+    }
+    // An older document is written in its own version unless that would lose content.
+    if (back.format_version() != in.format_version()) {
+        QCOMPARE(back.format_version(), 4);
+        QVERIFY(!writer_warnings.filter("written as version 4").isEmpty());
+    }
+    const QString difference = compare_trees(first->root().data(), second->root().data());
+    QVERIFY2(difference.isEmpty(), qPrintable(difference));
+    QCOMPARE(bool(first->link_list()), bool(second->link_list()));
+    if (first->link_list()) {
+        const QString d = compare_trees(first->link_list().data(), second->link_list().data());
+        QVERIFY2(d.isEmpty(), qPrintable(d));
+    }
+
+    // The output directory is complete: every file an element refers to is there (binary
+    // files byte for byte), and it holds nothing that the tree does not use.
+    for (const auto& f : Task_data_files::referenced_files(first->root())) {
+        const QString original = File_lookup::find(source, f.name, true).path;
+        if (original.isEmpty())
+            continue; // missing in the source already (reported while loading)
+        const QString copy = File_lookup::find(target, f.name, true).path;
+        QVERIFY2(!copy.isEmpty(), qPrintable(f.name + " not in the output directory"));
+        if (f.tag == "XFR" || (first->link_list() && f.name.compare("LINKLIST.XML", Qt::CaseInsensitive) == 0))
+            continue; // written anew from the tree
+        QFile a(original), b(copy);
+        QVERIFY(a.open(QIODevice::ReadOnly) && b.open(QIODevice::ReadOnly));
+        QVERIFY2(a.readAll() == b.readAll(), qPrintable(f.name + " differs"));
+    }
+    QCOMPARE(back.track_unused_files(), QStringList());
+    QCOMPARE(back.warnings().filter("Could not find").size(), in.warnings().filter("Could not find").size());
+}
+
+void Tst_corpus_roundtrip::schema_valid_output_data()
+{
+    QTest::addColumn<QString>("set");
+    for (const QString& set : corpus_sets())
+        if (set.startsWith("v4-"))
+            QTest::newRow(qPrintable(set)) << set;
+}
+
+void Tst_corpus_roundtrip::schema_valid_output()
+{
+    KTD_REQUIRE_CORPUS(corpus);
+    KTD_REQUIRE_SHARED(shared);
+    QFETCH(QString, set);
+    if (xmllint().isEmpty())
+        QSKIP("xmllint not installed (Debian package libxml2-utils)");
+    QTemporaryDir tmp;
+    QVERIFY(tmp.isValid());
+    const QString schemas = QDir(tmp.path()).filePath("xsd");
+    QVERIFY(QDir().mkpath(schemas));
+    QVERIFY(copy_schemas(QDir(shared).filePath("isoxml/xsd"), schemas));
+    const QString task_schema = QDir(schemas).filePath("ISO11783_TaskFile_V4-3.xsd");
+    const QString external_schema = QDir(schemas).filePath("ISO11783_ExternalFile_V4-3.xsd");
+
+    const QString source = QDir(corpus).filePath(set);
+    const QString input_complaint = validate(task_schema, main_file(source));
+
+    auto man = Element_man::create();
+    XML_interface in(source);
+    const QString target = QDir(tmp.path()).filePath("out");
+    XML_interface out(source, true, false);
+    out.set_output_dir(target);
+    {
+        Ktd_test::Capture_fd quiet_out(1), quiet_err(2);
+        QVERIFY(in.load(man));
+        QVERIFY2(out.save(man), qPrintable(out.fail_text()));
+    }
+    const QString output_complaint = validate(task_schema, main_file(target));
+    if (!input_complaint.isEmpty() && !output_complaint.isEmpty())
+        QSKIP(qPrintable("the input is not schema-valid either: " + input_complaint.section('\n', 0, 0)));
+    QVERIFY2(output_complaint.isEmpty(), qPrintable(output_complaint));
+    QVERIFY(QFileInfo::exists(QDir(target).filePath("GUIDLIST.XML")) == false);
+
+    for (const auto& f : Task_data_files::referenced_files(man->root())) {
+        if (f.tag != "XFR")
+            continue;
+        const QString original = File_lookup::find(source, f.name, true).path;
+        if (!validate(external_schema, original).isEmpty())
+            continue;
+        const QString complaint = validate(external_schema, File_lookup::find(target, f.name, true).path);
+        QVERIFY2(complaint.isEmpty(), qPrintable(complaint));
+    }
+}
+
+QTEST_MAIN(Tst_corpus_roundtrip)
+#include "tst_corpus_roundtrip.moc"

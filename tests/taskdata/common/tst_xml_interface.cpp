@@ -1,0 +1,802 @@
+// XML_interface on small directories made by the test: how a load fails and what it reports,
+// letter case of file names, external and individually saved files, the GUID list, new
+// documents, saves that fail or need no write, copies of referenced files, file tracking and
+// the life cycle of a run seen from another thread.
+#include <taskdata/common/File_lookup.h>
+#include <taskdata/common/Task_data_files.h>
+#include <taskdata/common/XML_interface.h>
+#include <taskdata/elements/base/Catalogue.h>
+#include <taskdata/elements/base/Element_man.h>
+
+#include "test_support.h"
+
+#include <QBuffer>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QXmlStreamWriter>
+#include <QtTest>
+
+#include <atomic>
+
+using namespace TC::Task_data;
+using namespace TC::Task_data::Attributes::Base;
+using namespace TC::Task_data::Elements::Base;
+
+using Files = QMap<QString, QByteArray>;
+
+namespace {
+
+const QByteArray head = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+
+QByteArray task_data(const QByteArray& children, const QByteArray& major = "4")
+{
+    return head + "<ISO11783_TaskData VersionMajor=\"" + major +
+           "\" VersionMinor=\"3\" ManagementSoftwareManufacturer=\"Test\" ManagementSoftwareVersion=\"1\" "
+           "DataTransferOrigin=\"1\">\n" +
+           children + "</ISO11783_TaskData>\n";
+}
+
+void write_files(const QString& dir, const Files& files)
+{
+    QDir().mkpath(dir);
+    for (auto it = files.constBegin(); it != files.constEnd(); ++it) {
+        QFile f(QDir(dir).filePath(it.key()));
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        f.write(it.value());
+    }
+}
+
+QByteArray read_file(const QString& path)
+{
+    if (path.isEmpty())
+        return QByteArray();
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+QSharedPointer<Task_data> root_of(const QSharedPointer<Element_man>& man)
+{
+    return man->root().dynamicCast<Task_data>();
+}
+
+QStringList designators(const Element_list& list)
+{
+    QStringList out;
+    for (const auto& e : list.elements())
+        out.append(e->get_designator());
+    return out;
+}
+
+// A load or save with the library's diagnostic lines captured.
+struct Run
+{
+    bool ok = false;
+    QString out;
+    QString err;
+};
+
+template <class F>
+Run run(F&& f)
+{
+    Run r;
+    Ktd_test::Capture_fd out(1), err(2);
+    r.ok = f();
+    r.out = out.text();
+    r.err = err.text();
+    return r;
+}
+
+struct Failing_files final : File_interface
+{
+    bool write(const QString&, const QByteArray&, QString* error) override
+    {
+        *error = "medium removed";
+        return false;
+    }
+};
+
+} // namespace
+
+class Tst_xml_interface : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void load_failures_data();
+    void load_failures();
+    void malformed_file_keeps_what_was_read_data();
+    void malformed_file_keeps_what_was_read();
+    void main_file_name_case_data();
+    void main_file_name_case();
+    void newest_of_two_names_differing_in_case_data();
+    void newest_of_two_names_differing_in_case();
+    void external_files();
+    void individual_files_data();
+    void individual_files();
+    void guid_list_data();
+    void guid_list();
+    void new_document_data();
+    void new_document();
+    void older_version_kept_unless_content_needs_newer_data();
+    void older_version_kept_unless_content_needs_newer();
+    void failed_save_keeps_previous_files_data();
+    void failed_save_keeps_previous_files();
+    void referenced_files_copied_data();
+    void referenced_files_copied();
+    void optimised_save_data();
+    void optimised_save();
+    void used_and_unused_files();
+    void timing_lines();
+    void start_document_data();
+    void start_document();
+    void attached_file_failure();
+    void wait_for_complete_blocks_until_run_ends();
+    void cancel();
+};
+
+void Tst_xml_interface::load_failures_data()
+{
+    QTest::addColumn<Files>("files");
+    QTest::addColumn<bool>("make_dir");
+    QTest::addColumn<QString>("expected"); // %1 = the directory
+    QTest::addColumn<QString>("diagnostic");
+    const QByteArray valid = task_data("<CTR A=\"CTR1\" B=\"Doe\"/>\n");
+    QTest::newRow("missing directory") << Files() << false << "Path '%1' does not exist"
+                                       << "Path '%1' does not exist\n";
+    QTest::newRow("no main file") << Files{{"LINKLIST.XML", "<ISO11783LinkList/>"}} << true
+                                  << "Could not find file: TASKDATA.XML in %1"
+                                  << "Could not find file TASKDATA.XML in %1\n";
+    QTest::newRow("no start tag") << Files{{"TASKDATA.XML", head + "<!-- nothing here -->\n"}} << true
+                                  << "Could not find start tag" << "";
+    QTest::newRow("empty main file") << Files{{"TASKDATA.XML", ""}} << true << "Could not find start tag" << "";
+    QTest::newRow("other root") << Files{{"TASKDATA.XML", head + "<ISO11783LinkList VersionMajor=\"4\"/>"}} << true
+                                << "Not a valid TASKDATA.XML" << "";
+    QTest::newRow("no major version")
+        << Files{{"TASKDATA.XML", head + "<ISO11783_TaskData VersionMinor=\"3\"/>"}} << true << "No Version Major tag"
+        << "";
+    QTest::newRow("unreadable major version") << Files{{"TASKDATA.XML", task_data("", "four")}} << true
+                                              << "Bad Version Major tag" << "";
+    QTest::newRow("empty major version") << Files{{"TASKDATA.XML", task_data("", "")}} << true
+                                         << "Bad Version Major tag" << "";
+    QTest::newRow("GUID list of another kind")
+        << Files{{"TASKDATA.XML", valid}, {"GUIDLIST.XML", head + "<ISO11783_TaskData VersionMajor=\"4\"/>"}}
+        << true << "Not a valid GUIDLIST.XML" << "";
+    QTest::newRow("link list of another kind")
+        << Files{{"TASKDATA.XML", valid}, {"LINKLIST.XML", head + "<ISO11783_GuidList/>"}} << true
+        << "Not a valid LINKLIST.XML" << "";
+}
+
+void Tst_xml_interface::load_failures()
+{
+    QFETCH(Files, files);
+    QFETCH(bool, make_dir);
+    QFETCH(QString, expected);
+    QFETCH(QString, diagnostic);
+    QTemporaryDir tmp;
+    const QString dir = QDir(tmp.path()).filePath("set");
+    if (make_dir)
+        write_files(dir, files);
+    auto man = Element_man::create();
+    XML_interface xi(dir + "/");
+    const Run r = run([&] { return xi.load(man); });
+    QVERIFY(!r.ok);
+    QVERIFY(!xi.ok());
+    auto fill = [&](const QString& text) { return text.contains("%1") ? text.arg(dir) : text; };
+    QCOMPARE(xi.fail_text(), fill(expected));
+    if (!diagnostic.isEmpty())
+        QVERIFY2(r.err.contains(fill(diagnostic)), qPrintable(r.err));
+    QVERIFY(r.out.contains("XML_LOAD_NEW "));
+    QVERIFY(r.out.contains(" ok=0 file="));
+}
+
+void Tst_xml_interface::malformed_file_keeps_what_was_read_data()
+{
+    QTest::addColumn<Files>("files");
+    QTest::addColumn<QString>("bad_file");
+    QTest::addColumn<int>("line");
+    QTest::addColumn<QStringList>("customers_kept");
+    const QByteArray broken = "<CTR A=\"CTR3\" B=\"a<b\"/>\n";
+    QTest::newRow("main file") << Files{{"TASKDATA.XML", task_data("<CTR A=\"CTR1\" B=\"Doe\"/>\n<CTR A=\"CTR2\" "
+                                                                   "B=\"Roe\"/>\n" + broken)}}
+                               << "TASKDATA.XML" << 5 << QStringList{"Doe", "Roe"};
+    QTest::newRow("external file") << Files{{"TASKDATA.XML", task_data("<CTR A=\"CTR1\" B=\"Doe\"/>\n"
+                                                                       "<XFR A=\"CTR00001\" B=\"1\"/>\n")},
+                                            {"CTR00001.XML", "<XFC>\n<CTR A=\"CTR2\" B=\"Roe\"/>\n" + broken + "</XFC>\n"}}
+                                   << "CTR00001.XML" << 3 << QStringList{"Doe", "Roe"};
+    QTest::newRow("individual file") << Files{{"TASKDATA.XML", task_data("<CTR A=\"CTR1\" B=\"Doe\"/>\n"
+                                                                         "<P231_UID_XFR TAG=\"CTR\" ID=\"3\"/>\n")},
+                                              {"CTR_3.XML", head + broken}}
+                                     << "CTR_3.XML" << 2 << QStringList{"Doe"};
+}
+
+void Tst_xml_interface::malformed_file_keeps_what_was_read()
+{
+    QFETCH(Files, files);
+    QFETCH(QString, bad_file);
+    QFETCH(int, line);
+    QFETCH(QStringList, customers_kept);
+    QTemporaryDir tmp;
+    write_files(tmp.path(), files);
+    auto man = Element_man::create();
+    XML_interface xi(tmp.path());
+    QVERIFY(!run([&] { return xi.load(man); }).ok);
+    // The message names the file, the line, the column and the character offset.
+    const QRegularExpression form(QString("^Error \"[^\"]+\" at %1:(\\d+):(\\d+):(\\d+)$")
+                                      .arg(QRegularExpression::escape(QDir(tmp.path()).filePath(bad_file))));
+    const QRegularExpressionMatch m = form.match(xi.fail_text());
+    QVERIFY2(m.hasMatch(), qPrintable(xi.fail_text()));
+    QCOMPARE(m.captured(1).toInt(), line);
+    QVERIFY(m.captured(2).toInt() > 0);
+    QVERIFY(m.captured(3).toInt() > 0);
+    QVERIFY(root_of(man));
+    QCOMPARE(root_of(man)->mngt_sw_manufacturer.get_string(), QString("Test"));
+    QStringList kept = designators(root_of(man)->customers);
+    kept.removeAll(QString()); // the broken element itself may have been begun
+    QCOMPARE(kept, customers_kept);
+}
+
+void Tst_xml_interface::main_file_name_case_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<bool>("reported");
+    QTest::newRow("upper case") << "TASKDATA.XML" << false;
+    QTest::newRow("lower case") << "taskdata.xml" << true;
+    QTest::newRow("mixed case") << "TaskData.xml" << true;
+}
+
+void Tst_xml_interface::main_file_name_case()
+{
+    QFETCH(QString, name);
+    QFETCH(bool, reported);
+    QTemporaryDir tmp;
+    write_files(tmp.path(), {{name, task_data("<CTR A=\"CTR1\" B=\"Doe\"/>\n")}});
+    auto man = Element_man::create();
+    XML_interface xi(tmp.path());
+    const Run r = run([&] { return xi.load(man); });
+    QVERIFY2(r.ok, qPrintable(xi.fail_text()));
+    QCOMPARE(root_of(man)->customers.count(), 1);
+    QCOMPARE(r.err.contains("Only found file TASKDATA.XML using entrylist: " + QDir(tmp.path()).filePath(name)),
+             reported);
+    QVERIFY(xi.used_files().contains(name));
+    // Saved in place, the file keeps its name instead of gaining a twin in upper case.
+    QVERIFY(run([&] { return xi.save(man); }).ok);
+    QCOMPARE(QDir(tmp.path()).entryList(QDir::Files).filter("taskdata", Qt::CaseInsensitive), QStringList{name});
+}
+
+void Tst_xml_interface::newest_of_two_names_differing_in_case_data()
+{
+    QTest::addColumn<QString>("newer");
+    QTest::addColumn<QString>("older");
+    QTest::newRow("mixed case newer") << "TaskData.xml" << "TASKDATA.XML";
+    QTest::newRow("upper case newer") << "TASKDATA.XML" << "TaskData.xml";
+}
+
+void Tst_xml_interface::newest_of_two_names_differing_in_case()
+{
+    QFETCH(QString, newer);
+    QFETCH(QString, older);
+    QTemporaryDir tmp;
+    write_files(tmp.path(), {{newer, task_data("<CTR A=\"CTR1\" B=\"new\"/>\n")},
+                             {older, task_data("<CTR A=\"CTR1\" B=\"old\"/>\n")}});
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    for (auto [name, when] : {qMakePair(newer, now.addSecs(-60)), qMakePair(older, now.addSecs(-3600))}) {
+        QFile f(QDir(tmp.path()).filePath(name));
+        QVERIFY(f.open(QIODevice::ReadWrite));
+        QVERIFY(f.setFileTime(when, QFileDevice::FileModificationTime));
+    }
+    auto man = Element_man::create();
+    XML_interface xi(tmp.path());
+    const Run r = run([&] { return xi.load(man); });
+    QVERIFY(r.ok);
+    QCOMPARE(designators(root_of(man)->customers), QStringList{"new"});
+    QVERIFY(xi.warnings().contains(QString("found 2 entries for TASKDATA.XML in %1: choosing %2").arg(tmp.path(), newer)));
+    QVERIFY(r.err.contains("Too many files found - sending last modified\n"));
+}
+
+void Tst_xml_interface::external_files()
+{
+    QTemporaryDir tmp;
+    const QString source = QDir(tmp.path()).filePath("in");
+    write_files(source, {{"TASKDATA.XML", task_data("<CTR A=\"CTR9\" B=\"inline\"/>\n"
+                                                    "<TSK A=\"TSK1\" B=\"job\" C=\"CTR2\"/>\n"
+                                                    "<XFR A=\"CTR00001\" B=\"1\"/>\n<XFR A=\"FRM00001\" B=\"1\"/>\n")},
+                         {"ctr00001.xml", "<XFC>\n<CTR A=\"CTR1\" B=\"Doe\"/>\n<CTR A=\"CTR2\" B=\"Roe\"/>\n</XFC>\n"},
+                         {"FRM00001.XML", "<XFC><FRM A=\"FRM1\" B=\"home\"/></XFC>"}});
+    auto man = Element_man::create();
+    XML_interface xi(source);
+    QVERIFY(run([&] { return xi.load(man); }).ok);
+    auto root = root_of(man);
+    QCOMPARE(designators(root->customers), (QStringList{"inline", "Doe", "Roe"}));
+    QCOMPARE(designators(root->farms), QStringList{"home"});
+    QCOMPARE(root->external_files.count(), 2);
+    QVERIFY(xi.used_files().contains("ctr00001.xml"));
+    // The task's reference reaches a customer of the external file.
+    QCOMPARE(root->tasks.typed_at(0)->find_attribute(u"C")->to_string(), QString("CTR2"));
+    QCOMPARE(man->pending_link_count(), 0);
+
+    // A second load of the same directory updates the same elements in place.
+    const QSharedPointer<Element> doe = root->customers.at(1);
+    QVERIFY(run([&] { return xi.load(man); }).ok);
+    QCOMPARE(root->customers.count(), 3);
+    QCOMPARE(root->customers.at(1), doe);
+
+    // Saved elsewhere, external elements go back to their own files, once.
+    const QString target = QDir(tmp.path()).filePath("out");
+    XML_interface out(source);
+    out.set_output_dir(target);
+    QVERIFY(run([&] { return out.save(man); }).ok);
+    const QByteArray main = read_file(QDir(target).filePath("TASKDATA.XML"));
+    QVERIFY(main.contains("CTR9"));
+    QVERIFY(!main.contains("\"CTR1\""));
+    QVERIFY(main.contains("<XFR A=\"CTR00001\" B=\"1\"/>"));
+    // The external file keeps the name it was read under.
+    const QByteArray external = read_file(QDir(target).filePath("ctr00001.xml"));
+    QVERIFY(external.contains("<XFC>"));
+    QVERIFY(external.contains("\"CTR1\"") && external.contains("\"CTR2\""));
+    QVERIFY(!external.contains("CTR9"));
+    auto again = Element_man::create();
+    XML_interface back(target);
+    QVERIFY(run([&] { return back.load(again); }).ok);
+    QCOMPARE(root_of(again)->customers.count(), 3);
+    QCOMPARE(root_of(again)->farms.count(), 1);
+
+    // Without its reference an external element is written into the main file, not lost.
+    root->external_files.take(0);
+    QVERIFY(run([&] { return out.save(man); }).ok);
+    QVERIFY(read_file(QDir(target).filePath("TASKDATA.XML")).contains("\"CTR1\""));
+    auto third = Element_man::create();
+    XML_interface back3(target);
+    QVERIFY(run([&] { return back3.load(third); }).ok);
+    QCOMPARE(root_of(third)->customers.count(), 3);
+}
+
+void Tst_xml_interface::individual_files_data()
+{
+    QTest::addColumn<QByteArray>("children");
+    QTest::addColumn<QString>("tag");
+    QTest::addColumn<QStringList>("files");
+    // An element without a number stays in its parent's file, between its referenced siblings.
+    QTest::newRow("top-level tasks") << QByteArray("<TSK A=\"TSK1\" B=\"one\"/>\n<TSK A=\"TSK0\" B=\"none\"/>\n"
+                                                   "<TSK A=\"TSK2\" B=\"two\"/>\n")
+                                     << "TSK" << QStringList{"TSK_1.XML", "TSK_2.XML"};
+    QTest::newRow("device elements") << QByteArray("<DVC A=\"DVC1\" B=\"d\" D=\"A00A800825600000\" F=\"31\" G=\"FF000000006E65\">\n"
+                                                   "<DET A=\"DET0\" B=\"none\" C=\"1\" E=\"0\" F=\"0\"/>\n"
+                                                   "<DET A=\"DET1\" B=\"one\" C=\"1\" E=\"1\" F=\"0\"/>\n"
+                                                   "<DET A=\"DET2\" B=\"two\" C=\"1\" E=\"2\" F=\"0\"/>\n</DVC>\n")
+                                     << "DET" << QStringList{"DET_1.XML", "DET_2.XML"};
+}
+
+void Tst_xml_interface::individual_files()
+{
+    QFETCH(QByteArray, children);
+    QFETCH(QString, tag);
+    QFETCH(QStringList, files);
+    QTemporaryDir tmp;
+    write_files(tmp.path(), {{"TASKDATA.XML", task_data(children)}});
+    auto man = Element_man::create();
+    XML_interface xi(tmp.path());
+    QVERIFY(run([&] { return xi.load(man); }).ok);
+    auto designators_of_tag = [&](const QSharedPointer<Element_man>& m) {
+        QStringList out;
+        std::function<void(Element*)> walk = [&](Element* e) {
+            if (e->get_tag() == tag)
+                out.append(e->get_designator());
+            for (unsigned l = 0; l < e->_num_element_lists(); ++l)
+                for (const auto& c : e->_element_list(l)->elements())
+                    walk(c.data());
+        };
+        walk(m->root().data());
+        return out;
+    };
+    const QStringList before = designators_of_tag(man);
+
+    xi.set_individual_save(tag, true);
+    QVERIFY(run([&] { return xi.save(man); }).ok);
+    for (const QString& f : files)
+        QVERIFY2(QFileInfo::exists(QDir(tmp.path()).filePath(f)), qPrintable(f));
+    const QByteArray main = read_file(QDir(tmp.path()).filePath("TASKDATA.XML"));
+    QCOMPARE(main.count("<P231_UID_XFR TAG=\"" + tag.toLatin1() + "\""), files.size());
+    for (const QString& f : files)
+        QVERIFY(xi.used_files().contains(f));
+
+    auto again = Element_man::create();
+    XML_interface back(tmp.path());
+    QVERIFY(run([&] { return back.load(again); }).ok);
+    QCOMPARE(designators_of_tag(again), before);
+}
+
+void Tst_xml_interface::guid_list_data()
+{
+    QTest::addColumn<bool>("keep_proprietary");
+    QTest::newRow("kept") << true;
+    QTest::newRow("plain ISO output") << false;
+}
+
+void Tst_xml_interface::guid_list()
+{
+    QFETCH(bool, keep_proprietary);
+    QTemporaryDir tmp;
+    const QUuid known("{0f3e1c52-9d4b-4d7a-8f7e-1a2b3c4d5e6f}");
+    write_files(tmp.path(), {{"TASKDATA.XML", task_data("<CTR A=\"CTR1\" B=\"Doe\"/>\n<CTR A=\"CTR-5\" B=\"Roe\"/>\n")},
+                             {"GUIDLIST.XML", head + "<ISO11783_GuidList>\n<GUID ID=\"CTR-5\" GUID=\"" +
+                                                  known.toString().toLatin1() + "\"/>\n</ISO11783_GuidList>\n"}});
+    auto man = Element_man::create();
+    XML_interface xi(tmp.path(), true, keep_proprietary);
+    QVERIFY(run([&] { return xi.load(man); }).ok);
+    auto root = root_of(man);
+    QCOMPARE(root->customers.at(1)->get_guid(), known);
+    const QUuid made = root->customers.at(0)->get_guid();
+    QVERIFY(!made.isNull());
+
+    const QString target = QDir(tmp.path()).filePath("out");
+    xi.set_output_dir(target);
+    QVERIFY(run([&] { return xi.save(man); }).ok);
+    const QString list = QDir(target).filePath("GUIDLIST.XML");
+    QCOMPARE(QFileInfo::exists(list), keep_proprietary);
+    if (!keep_proprietary)
+        return;
+    QVERIFY(read_file(list).contains("<GUID ID=\"CTR1\" GUID=\"" + made.toString().toLatin1() + "\"/>"));
+    auto again = Element_man::create();
+    XML_interface back(target);
+    QVERIFY(run([&] { return back.load(again); }).ok);
+    QCOMPARE(root_of(again)->customers.at(0)->get_guid(), made);
+    QCOMPARE(root_of(again)->customers.at(1)->get_guid(), known);
+}
+
+void Tst_xml_interface::new_document_data()
+{
+    QTest::addColumn<int>("version");
+    QTest::newRow("version 4") << 4;
+    QTest::newRow("version 3") << 3;
+}
+
+void Tst_xml_interface::new_document()
+{
+    QFETCH(int, version);
+    QTemporaryDir tmp;
+    const QString dir = QDir(tmp.path()).filePath("new/deeper");
+    auto man = Element_man::create();
+    auto root = XML_interface::create_document(man, version);
+    QCOMPARE(man->root(), root.staticCast<Element>());
+    QCOMPARE(root->mngt_sw_manufacturer.get_string(), QString("Tarvex Agriculture"));
+    auto customer = root->customers.create();
+    QVERIFY(customer->designator.set_string(customer, "Doe"));
+
+    XML_interface xi(dir);
+    const Run r = run([&] { return xi.save(man); });
+    QVERIFY2(r.ok, qPrintable(xi.fail_text()));
+    const QByteArray main = read_file(QDir(dir).filePath("TASKDATA.XML"));
+    QVERIFY(main.startsWith("<?xml version=\"1.0\" encoding=\"UTF-8\"?>"));
+    QVERIFY(main.contains("VersionMajor=\"" + QByteArray::number(version) + "\""));
+    QVERIFY(main.contains("ManagementSoftwareManufacturer=\"Tarvex Agriculture\""));
+    auto again = Element_man::create();
+    XML_interface back(dir);
+    QVERIFY(run([&] { return back.load(again); }).ok);
+    QCOMPARE(back.format_version(), version);
+    QCOMPARE(designators(root_of(again)->customers), QStringList{"Doe"});
+}
+
+void Tst_xml_interface::older_version_kept_unless_content_needs_newer_data()
+{
+    QTest::addColumn<QByteArray>("point_type");
+    QTest::addColumn<int>("forced_version");
+    QTest::addColumn<QByteArray>("written_major");
+    QTest::addColumn<QByteArray>("written_point");
+    QTest::newRow("version 3 content") << QByteArray("2") << 0 << QByteArray("3") << QByteArray("A=\"2\"");
+    QTest::newRow("version 4 point type") << QByteArray("10") << 0 << QByteArray("4") << QByteArray("A=\"10\"");
+    // Asked for explicitly, version 3 is written and the value it lacks is replaced.
+    QTest::newRow("version 3 asked for") << QByteArray("10") << 3 << QByteArray("3") << QByteArray("A=\"0\"");
+}
+
+void Tst_xml_interface::older_version_kept_unless_content_needs_newer()
+{
+    QFETCH(QByteArray, point_type);
+    QFETCH(int, forced_version);
+    QFETCH(QByteArray, written_major);
+    QFETCH(QByteArray, written_point);
+    QTemporaryDir tmp;
+    const QString source = QDir(tmp.path()).filePath("in");
+    write_files(source, {{"TASKDATA.XML", task_data("<PFD A=\"PFD1\" C=\"f\" D=\"1\"><PLN A=\"1\"><LSG A=\"1\">"
+                                                    "<PNT A=\"" + point_type + "\" C=\"1.5\" D=\"2.5\"/>"
+                                                    "</LSG></PLN></PFD>\n", "3")}});
+    auto man = Element_man::create();
+    XML_interface in(source);
+    QVERIFY(run([&] { return in.load(man); }).ok);
+    QCOMPARE(in.format_version(), 3);
+    const QString target = QDir(tmp.path()).filePath("out");
+    XML_interface out(target);
+    if (forced_version)
+        out.set_format_version(forced_version);
+    QVERIFY(run([&] { return out.save(man); }).ok);
+    const QByteArray main = read_file(QDir(target).filePath("TASKDATA.XML"));
+    QVERIFY2(main.contains("VersionMajor=\"" + written_major + "\""), main.constData());
+    QVERIFY2(main.contains("<PNT " + written_point), main.constData());
+    QCOMPARE(!out.warnings().filter("written as version 4").isEmpty(), written_major == "4");
+}
+
+void Tst_xml_interface::failed_save_keeps_previous_files_data()
+{
+    QTest::addColumn<QString>("obstacle");
+    QTest::newRow("temporary name of the main file taken by a directory") << "dir:.TASKDATA.XML.tmp";
+    QTest::newRow("temporary name of an external file taken") << "dir:.CTR00001.XML.tmp";
+    QTest::newRow("main file name taken by a directory") << "main is dir";
+    QTest::newRow("output directory is a file") << "output is file";
+}
+
+void Tst_xml_interface::failed_save_keeps_previous_files()
+{
+    QFETCH(QString, obstacle);
+    QTemporaryDir tmp;
+    const QString dir = QDir(tmp.path()).filePath("set");
+    write_files(dir, {{"TASKDATA.XML", task_data("<CTR A=\"CTR9\" B=\"inline\"/>\n<XFR A=\"CTR00001\" B=\"1\"/>\n")},
+                      {"CTR00001.XML", "<XFC><CTR A=\"CTR1\" B=\"Doe\"/></XFC>"}});
+    auto man = Element_man::create();
+    XML_interface xi(dir);
+    QVERIFY(run([&] { return xi.load(man); }).ok);
+    QVERIFY(run([&] { return xi.save(man); }).ok);
+    // What must survive the failing save untouched.
+    QString kept = QDir(dir).filePath("TASKDATA.XML");
+    const QByteArray previous_external = read_file(QDir(dir).filePath("CTR00001.XML"));
+    auto root = root_of(man);
+    root->customers.typed_at(0)->designator.set_string(root->customers.at(0), "changed");
+    root->customers.typed_at(1)->designator.set_string(root->customers.at(1), "changed too");
+
+    if (obstacle.startsWith("dir:")) {
+        QVERIFY(QDir(dir).mkdir(obstacle.mid(4)));
+    } else if (obstacle == "main is dir") {
+        // Files the main file refers to are written before it; nothing else is at stake here.
+        kept.clear();
+        QVERIFY(QFile::remove(QDir(dir).filePath("TASKDATA.XML")));
+        QVERIFY(QDir(dir).mkdir("TASKDATA.XML"));
+    } else {
+        kept = QDir(tmp.path()).filePath("plain_file");
+        write_files(tmp.path(), {{"plain_file", "not a directory"}});
+        xi.set_output_dir(kept);
+    }
+    const QByteArray previous = read_file(kept);
+    const Run r = run([&] { return xi.save(man); });
+    QVERIFY(!r.ok);
+    QVERIFY(!xi.ok());
+    QVERIFY(!xi.fail_text().isEmpty());
+    QVERIFY(r.out.contains(" ok=0 objs="));
+    QCOMPARE(read_file(kept), previous);
+    if (obstacle == "main is dir") {
+        QVERIFY2(r.err.contains("Move "), qPrintable(r.err));
+        QVERIFY(r.err.contains(" failed\n"));
+        QVERIFY(QFileInfo(QDir(dir).filePath("TASKDATA.XML")).isDir());
+        QVERIFY(xi.fail_text().startsWith("Move "));
+    }
+    if (obstacle.startsWith("dir:"))
+        QCOMPARE(read_file(QDir(dir).filePath("TASKDATA.XML")).contains("inline"), true);
+    if (obstacle == "dir:.CTR00001.XML.tmp")
+        QCOMPARE(read_file(QDir(dir).filePath("CTR00001.XML")), previous_external);
+}
+
+void Tst_xml_interface::referenced_files_copied_data()
+{
+    QTest::addColumn<QByteArray>("children");
+    QTest::addColumn<QStringList>("files"); // as they stand in the source directory
+    QTest::newRow("grid") << QByteArray("<TSK A=\"TSK1\" G=\"1\"><GRD A=\"1\" B=\"2\" C=\"0.1\" D=\"0.1\" E=\"1\" F=\"1\" "
+                                        "G=\"GRD00001\" I=\"2\"/></TSK>\n")
+                          << QStringList{"GRD00001.bin"};
+    QTest::newRow("time log") << QByteArray("<TSK A=\"TSK1\" G=\"1\"><TLG A=\"TLG00007\" C=\"1\"/></TSK>\n")
+                              << QStringList{"TLG00007.xml", "TLG00007.BIN"};
+    QTest::newRow("binary points") << QByteArray("<PFD A=\"PFD1\" C=\"f\" D=\"1\"><PLN A=\"1\"><LSG A=\"1\">"
+                                                 "<PNT A=\"2\" C=\"1\" D=\"2\" J=\"PNT00003\" K=\"9\"/>"
+                                                 "</LSG></PLN></PFD>\n")
+                                   << QStringList{"PNT00003.BIN"};
+    QTest::newRow("attached file") << QByteArray("<AFE A=\"NOTES001.TXT\" B=\"1\" C=\"\" D=\"5\"/>\n")
+                                   << QStringList{"NOTES001.TXT"};
+}
+
+void Tst_xml_interface::referenced_files_copied()
+{
+    QFETCH(QByteArray, children);
+    QFETCH(QStringList, files);
+    QTemporaryDir tmp;
+    const QString source = QDir(tmp.path()).filePath("in");
+    Files all{{"TASKDATA.XML", task_data(children)}, {"STRAY.BIN", "not referenced"}};
+    for (int i = 0; i < files.size(); ++i)
+        all.insert(files[i], QByteArray("binary\0content ", 15) + QByteArray::number(i));
+    write_files(source, all);
+    auto man = Element_man::create();
+    XML_interface in(source);
+    QVERIFY(run([&] { return in.load(man); }).ok);
+    QVERIFY(in.warnings().isEmpty());
+    for (const QString& f : files)
+        QVERIFY(in.used_files().contains(f));
+    QCOMPARE(in.track_unused_files(), QStringList{"STRAY.BIN"});
+
+    const QString target = QDir(tmp.path()).filePath("out");
+    in.set_output_dir(target);
+    QVERIFY(run([&] { return in.save(man); }).ok);
+    for (const QString& f : files)
+        QCOMPARE(read_file(QDir(target).filePath(f)), all.value(f));
+    QVERIFY(!QFileInfo::exists(QDir(target).filePath("STRAY.BIN")));
+    QCOMPARE(in.track_unused_files(), QStringList());
+
+    // A referenced file missing in the source is reported, and the rest still saved.
+    QVERIFY(QFile::remove(QDir(source).filePath(files.last())));
+    const QString target2 = QDir(tmp.path()).filePath("out2");
+    in.set_output_dir(target2);
+    QVERIFY(run([&] { return in.save(man); }).ok);
+    QVERIFY2(!in.warnings().filter("Could not find file: ").isEmpty(), qPrintable(in.warnings().join('\n')));
+    QVERIFY(QFileInfo::exists(QDir(target2).filePath("TASKDATA.XML")));
+}
+
+void Tst_xml_interface::optimised_save_data()
+{
+    QTest::addColumn<bool>("optimised");
+    QTest::addColumn<bool>("changed");
+    QTest::addColumn<bool>("rewritten");
+    QTest::newRow("plain, unchanged") << false << false << true;
+    QTest::newRow("optimised, unchanged") << true << false << false;
+    QTest::newRow("optimised, changed") << true << true << true;
+}
+
+void Tst_xml_interface::optimised_save()
+{
+    QFETCH(bool, optimised);
+    QFETCH(bool, changed);
+    QFETCH(bool, rewritten);
+    QTemporaryDir tmp;
+    write_files(tmp.path(), {{"TASKDATA.XML", task_data("<CTR A=\"CTR1\" B=\"Doe\"/>\n")}});
+    auto man = Element_man::create();
+    XML_interface xi(tmp.path());
+    xi.set_optimised_save(optimised);
+    QVERIFY(run([&] { return xi.load(man); }).ok);
+    QVERIFY(run([&] { return xi.save(man); }).ok);
+    const QString main = QDir(tmp.path()).filePath("TASKDATA.XML");
+    const QDateTime old_time = QDateTime::currentDateTimeUtc().addDays(-2);
+    {
+        QFile f(main);
+        QVERIFY(f.open(QIODevice::ReadWrite));
+        QVERIFY(f.setFileTime(old_time, QFileDevice::FileModificationTime));
+    }
+    if (changed)
+        root_of(man)->customers.typed_at(0)->designator.set_string(root_of(man)->customers.at(0), "Roe");
+    QVERIFY(run([&] { return xi.save(man); }).ok);
+    QCOMPARE(QFileInfo(main).lastModified().toUTC() != old_time, rewritten);
+    QCOMPARE(read_file(main).contains("Roe"), changed);
+    QVERIFY(xi.used_files().contains("TASKDATA.XML"));
+}
+
+void Tst_xml_interface::used_and_unused_files()
+{
+    QTemporaryDir tmp;
+    write_files(tmp.path(),
+                {{"TASKDATA.XML", task_data("<TSK A=\"TSK1\" G=\"1\"><GRD A=\"1\" B=\"2\" C=\"0.1\" D=\"0.1\" E=\"1\" "
+                                            "F=\"1\" G=\"GRD00001\" I=\"2\"/></TSK>\n<XFR A=\"CTR00001\" B=\"1\"/>\n")},
+                 {"GRD00001.BIN", "1234"},
+                 {"GRD00002.BIN", "old grid"},
+                 {"CTR00001.XML", "<XFC><CTR A=\"CTR1\" B=\"Doe\"/></XFC>"},
+                 {"LINKLIST.XML", head + "<ISO11783LinkList VersionMajor=\"4\" VersionMinor=\"3\" "
+                                         "ManagementSoftwareManufacturer=\"x\" ManagementSoftwareVersion=\"1\" "
+                                         "DataTransferOrigin=\"1\"/>\n"},
+                 {"notes.txt", "stray"}});
+    auto man = Element_man::create();
+    XML_interface xi(tmp.path());
+    QVERIFY(run([&] { return xi.load(man); }).ok);
+    QVERIFY(man->link_list());
+    QCOMPARE(xi.track_unused_files(), (QStringList{"GRD00002.BIN", "notes.txt"}));
+    QCOMPARE(xi.unused_files(), (QStringList{"GRD00002.BIN", "notes.txt"}));
+
+    XML_interface fresh(tmp.path());
+    QCOMPARE(fresh.track_used_files(man),
+             (QStringList{"CTR00001.XML", "GRD00001.BIN", "LINKLIST.XML", "TASKDATA.XML"}));
+    QCOMPARE(fresh.track_unused_files(), (QStringList{"GRD00002.BIN", "notes.txt"}));
+
+    XML_interface untracked(tmp.path(), true, true, false, false);
+    QVERIFY(run([&] { return untracked.load(man); }).ok);
+    QVERIFY(untracked.used_files().isEmpty());
+    QCOMPARE(untracked.track_unused_files(), QStringList());
+}
+
+void Tst_xml_interface::timing_lines()
+{
+    QTemporaryDir tmp;
+    write_files(tmp.path(), {{"TASKDATA.XML", task_data("<CTR A=\"CTR1\" B=\"Doe\"/>\n<CTR A=\"CTR2\" B=\"Roe\"/>\n")}});
+    auto man = Element_man::create();
+    XML_interface xi(tmp.path());
+    const Run load = run([&] { return xi.load(man); });
+    const QString main = QDir(tmp.path()).filePath("TASKDATA.XML");
+    QVERIFY2(QRegularExpression("^XML_LOAD_NEW \\d+ms ok=1 file=" + QRegularExpression::escape(main) + "\n$")
+                 .match(load.out)
+                 .hasMatch(),
+             qPrintable(load.out));
+    const Run save = run([&] { return xi.save(man); });
+    const QRegularExpressionMatch m =
+        QRegularExpression("^XML_SAVE_OLD \\d+ms ok=1 objs=(\\d+)/(\\d+) file=" + QRegularExpression::escape(main) + "\n$")
+            .match(save.out);
+    QVERIFY2(m.hasMatch(), qPrintable(save.out));
+    QCOMPARE(m.captured(1).toInt(), 3); // the root and two customers
+    QCOMPARE(m.captured(2).toInt(), 3);
+    QVERIFY(xi.is_complete());
+}
+
+void Tst_xml_interface::start_document_data()
+{
+    QTest::addColumn<bool>("on_device");
+    QTest::newRow("device") << true;
+    QTest::newRow("string") << false;
+}
+
+void Tst_xml_interface::start_document()
+{
+    QFETCH(bool, on_device);
+    XML_interface xi;
+    QByteArray bytes;
+    QString text;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::WriteOnly);
+    QXmlStreamWriter to_device(&buffer);
+    QXmlStreamWriter to_string(&text);
+    QXmlStreamWriter& w = on_device ? to_device : to_string;
+    xi.write_start_document(w);
+    w.writeEmptyElement("X");
+    w.writeEndDocument();
+    const QString written = on_device ? QString::fromUtf8(bytes) : text;
+    QVERIFY2(written.startsWith("<?xml version=\"1.0\" encoding=\"UTF-8\"?>"), qPrintable(written));
+}
+
+void Tst_xml_interface::attached_file_failure()
+{
+    QTemporaryDir tmp;
+    XML_interface xi(tmp.path());
+    Failing_files medium;
+    const Run r = run([&] { return xi.write_file(medium, "NOTES001.TXT", "x"); });
+    QVERIFY(!r.ok);
+    QVERIFY(!xi.ok());
+    QVERIFY(r.err.contains(QString("Could not save attached file NOTES001.TXT to %1\n").arg(tmp.path())));
+    QVERIFY(xi.fail_text().contains("medium removed"));
+    XML_interface good(tmp.path());
+    QVERIFY(good.write_file("NOTES001.TXT", "x"));
+    QCOMPARE(read_file(QDir(tmp.path()).filePath("NOTES001.TXT")), QByteArray("x"));
+    QVERIFY(good.used_files().contains("NOTES001.TXT"));
+}
+
+void Tst_xml_interface::wait_for_complete_blocks_until_run_ends()
+{
+    XML_interface xi(QString(), true, true, true);
+    QVERIFY(xi.wait_for_complete(0)); // nothing running
+    xi.notify_start_in_use();
+    QVERIFY(xi.in_use());
+    std::atomic<bool> returned{false};
+    std::atomic<bool> result{false};
+    QScopedPointer<QThread> waiter(QThread::create([&] {
+        result = xi.wait_for_complete();
+        returned = true;
+    }));
+    waiter->start();
+    QVERIFY(!xi.wait_for_complete(50));
+    QVERIFY(!returned);
+    xi.notify_complete(true);
+    QVERIFY(waiter->wait(5000));
+    QVERIFY(returned && result);
+    QVERIFY(!xi.in_use());
+    QVERIFY(xi.ok());
+    // A run that ends badly fails the interface even when nothing said why.
+    xi.notify_start_in_use();
+    xi.notify_complete(false);
+    QVERIFY(!xi.ok());
+}
+
+void Tst_xml_interface::cancel()
+{
+    QTemporaryDir tmp;
+    write_files(tmp.path(), {{"TASKDATA.XML", task_data("<CTR A=\"CTR1\" B=\"Doe\"/>\n")}});
+    auto man = Element_man::create();
+    XML_interface xi(tmp.path());
+    xi.cancel();
+    QVERIFY(!run([&] { return xi.load(man); }).ok);
+    QCOMPARE(xi.fail_text(), QString("Cancelled"));
+    QVERIFY(!xi.cancelled()); // the request ended with its run
+    QVERIFY(run([&] { return xi.load(man); }).ok);
+    xi.cancel();
+    xi.cancel(false);
+    QVERIFY(run([&] { return xi.save(man); }).ok);
+}
+
+QTEST_MAIN(Tst_xml_interface)
+#include "tst_xml_interface.moc"
