@@ -148,6 +148,8 @@ bool Reader::read_children(QXmlStreamReader& r, const QString& path, const QStri
             if (attrs.hasAttribute(QLatin1String("P231_key")) && attrs.hasAttribute(QLatin1String("P231_value")))
                 root->set_extended_parameter(attrs.value(QLatin1String("P231_key")).toString(),
                                              attrs.value(QLatin1String("P231_value")).toString());
+        } else if (root->read_foreign_child(r, xi)) {
+            continue;
         }
         r.skipCurrentElement();
     }
@@ -411,6 +413,7 @@ bool Writer::write_main(QByteArray& out)
                 }
             }
         }
+        root->write_foreign_children(w, xi);
     }
     w.writeEndElement();
     w.writeEndDocument();
@@ -710,7 +713,7 @@ bool Task_data_files::load(XML_interface& xi, const QSharedPointer<Element_man>&
     const QString main_name = xi.main_outfilename();
     QString main_path;
     auto finish = [&](bool ok) {
-        printf("XML_LOAD_NEW %dms ok=%d file=%s\n", int(timer.elapsed()), int(ok && xi.ok()),
+        fprintf(stderr, "XML_LOAD_NEW %dms ok=%d file=%s\n", int(timer.elapsed()), int(ok && xi.ok()),
                (main_path.isEmpty() ? QDir(dir).filePath(main_name) : main_path).toUtf8().constData());
         fflush(stdout);
         return ok && xi.ok();
@@ -802,7 +805,7 @@ bool Task_data_files::save(XML_interface& xi, const QSharedPointer<Element_man>&
     const QSharedPointer<Element> root = man ? man->root() : QSharedPointer<Element>();
     QString main_name = xi.main_outfilename();
     auto finish = [&](bool ok) {
-        printf("XML_SAVE_OLD %dms ok=%d objs=%d/%d file=%s\n", int(timer.elapsed()), int(ok && xi.ok()),
+        fprintf(stderr, "XML_SAVE_OLD %dms ok=%d objs=%d/%d file=%s\n", int(timer.elapsed()), int(ok && xi.ok()),
                xi.objects_done(), xi.total_objects(), QDir(dir).filePath(main_name).toUtf8().constData());
         fflush(stdout);
         return ok && xi.ok();

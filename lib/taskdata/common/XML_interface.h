@@ -161,6 +161,10 @@ public:
 
     // Starts an XML document: the declaration with version="1.0" and encoding="UTF-8".
     void write_start_document(QXmlStreamWriter& w) const;
+    // The writer of the file being written now; null outside a save. Element::save_xml(xi)
+    // writes through it (per-element saves of the autosave thread).
+    QXmlStreamWriter* current_writer() const { return m_current_writer; }
+    void set_current_writer(QXmlStreamWriter* w) { m_current_writer = w; }
     // Writes one whole file `name` of the output directory (attached and referenced files);
     // prints "Could not save attached file %s to %s\n" and fails the run when it cannot.
     bool write_file(File_interface& files, const QString& name, const QByteArray& data);
@@ -229,6 +233,7 @@ protected:
     QSet<QString> m_used_files;
     QStringList m_unused_files;
     std::unique_ptr<QMutex> m_mutex;
+    QXmlStreamWriter* m_current_writer = nullptr;
     // The run life cycle has its own lock: waiting threads need one whether or not the
     // interface was built with a mutex.
     mutable QMutex m_run_mutex;

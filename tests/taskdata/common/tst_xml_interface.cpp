@@ -186,8 +186,8 @@ void Tst_xml_interface::load_failures()
     QCOMPARE(xi.fail_text(), fill(expected));
     if (!diagnostic.isEmpty())
         QVERIFY2(r.err.contains(fill(diagnostic)), qPrintable(r.err));
-    QVERIFY(r.out.contains("XML_LOAD_NEW "));
-    QVERIFY(r.out.contains(" ok=0 file="));
+    QVERIFY(r.err.contains("XML_LOAD_NEW "));
+    QVERIFY(r.err.contains(" ok=0 file="));
 }
 
 void Tst_xml_interface::malformed_file_keeps_what_was_read_data()
@@ -559,7 +559,7 @@ void Tst_xml_interface::failed_save_keeps_previous_files()
     QVERIFY(!r.ok);
     QVERIFY(!xi.ok());
     QVERIFY(!xi.fail_text().isEmpty());
-    QVERIFY(r.out.contains(" ok=0 objs="));
+    QVERIFY(r.err.contains(" ok=0 objs="));
     QCOMPARE(read_file(kept), previous);
     if (obstacle == "main is dir") {
         QVERIFY2(r.err.contains("Move "), qPrintable(r.err));
@@ -702,14 +702,14 @@ void Tst_xml_interface::timing_lines()
     const Run load = run([&] { return xi.load(man); });
     const QString main = QDir(tmp.path()).filePath("TASKDATA.XML");
     QVERIFY2(QRegularExpression("^XML_LOAD_NEW \\d+ms ok=1 file=" + QRegularExpression::escape(main) + "\n$")
-                 .match(load.out)
+                 .match(load.err)
                  .hasMatch(),
-             qPrintable(load.out));
+             qPrintable(load.err));
     const Run save = run([&] { return xi.save(man); });
     const QRegularExpressionMatch m =
         QRegularExpression("^XML_SAVE_OLD \\d+ms ok=1 objs=(\\d+)/(\\d+) file=" + QRegularExpression::escape(main) + "\n$")
-            .match(save.out);
-    QVERIFY2(m.hasMatch(), qPrintable(save.out));
+            .match(save.err);
+    QVERIFY2(m.hasMatch(), qPrintable(save.err));
     QCOMPARE(m.captured(1).toInt(), 3); // the root and two customers
     QCOMPARE(m.captured(2).toInt(), 3);
     QVERIFY(xi.is_complete());

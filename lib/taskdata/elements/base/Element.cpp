@@ -77,6 +77,10 @@ bool Element::set(QSharedPointer<Element>& self, Element* other, bool copy_child
             extras().parameters = other->m_extras->parameters;
             changed = true;
         }
+        if (extras().foreign_children != other->m_extras->foreign_children) {
+            extras().foreign_children = other->m_extras->foreign_children;
+            changed = true;
+        }
     }
     if (copy_children) {
         const unsigned lists = _num_element_lists();
@@ -179,8 +183,15 @@ void Element::set_attributes_to_default(const QSharedPointer<Element>& self, boo
     if (!m)
         return;
     const unsigned n = _num_iso_attributes();
-    for (unsigned i = 0; i < n; ++i)
-        _attribute(i)->set_to_default(self, *m, notify);
+    const int id_index = kind().id_index;
+    for (unsigned i = 0; i < n; ++i) {
+        Attribute* a = _attribute(i);
+        // An optional identifier (points, line strings, polygons) is given only when asked for:
+        // numbering a million points would fill the GUID list for nothing.
+        if (int(i) == id_index && !a->base_spec().required)
+            continue;
+        a->set_to_default(self, *m, notify);
+    }
 }
 
 QString Element::get_attribute_tag(unsigned index) const
@@ -419,9 +430,43 @@ bool Element::set_id(const QSharedPointer<Element>& self, int old_id, int new_id
 
 bool Element::save_xml(XML_interface& xi)
 {
-    Q_UNUSED(xi)
-    return false;
+    QXmlStreamWriter* w = xi.current_writer();
+    if (!w)
+        return false;
+    return _save_xml(get_sp(), *w, xi, xml_part_all);
 }
+
+namespace {
+// The element at the reader's start tag with its whole subtree, as XML text.
+QString capture_subtree(QXmlStreamReader& r)
+{
+    QString text;
+    QXmlStreamWriter w(&text);
+    int depth = 0;
+    do {
+        if (r.tokenType() == QXmlStreamReader::StartElement)
+            ++depth;
+        else if (r.tokenType() == QXmlStreamReader::EndElement)
+            --depth;
+        w.writeCurrentToken(r);
+        if (depth == 0)
+            break;
+        r.readNext();
+    } while (!r.atEnd());
+    return text;
+}
+
+void write_subtree(QXmlStreamWriter& w, const QString& text)
+{
+    QXmlStreamReader r(text);
+    while (!r.atEnd()) {
+        r.readNext();
+        if (r.tokenType() != QXmlStreamReader::StartDocument && r.tokenType() != QXmlStreamReader::EndDocument &&
+            !r.hasError())
+            w.writeCurrentToken(r);
+    }
+}
+} // namespace
 
 bool Element::_load_xml(const QSharedPointer<Element>& self, QXmlStreamReader& r, XML_interface& xi,
                         XML_read_write_parts parts)
@@ -450,6 +495,29 @@ bool Element::_load_xml(const QSharedPointer<Element>& self, QXmlStreamReader& r
         return false;
     }
     return true;
+}
+
+bool Element::read_foreign_child(QXmlStreamReader& r, XML_interface& xi)
+{
+    const QStringRef name = r.name();
+    if (!Attribute::Spec::is_proprietary_name(QStringView(name)) || !xi.keep_proprietary() ||
+        !xi.admits(QStringView(name)) || name.startsWith(QLatin1String("P231_")))
+        return false;
+    // Another maker's element: not ours to interpret, but not ours to lose either. A reload
+    // of the same file finds the same text and adds nothing.
+    const QString text = capture_subtree(r);
+    Extras& x = extras();
+    if (!x.foreign_children.contains(text))
+        x.foreign_children.append(text);
+    return true;
+}
+
+void Element::write_foreign_children(QXmlStreamWriter& w, XML_interface& xi) const
+{
+    if (!xi.keep_proprietary() || !m_extras)
+        return;
+    for (const QString& foreign : m_extras->foreign_children)
+        write_subtree(w, foreign);
 }
 
 bool Element::load_children(const QSharedPointer<Element>& self, QXmlStreamReader& r, XML_interface& xi)
@@ -506,6 +574,8 @@ bool Element::load_children(const QSharedPointer<Element>& self, QXmlStreamReade
             if (attrs.hasAttribute(QLatin1String("P231_key")) && attrs.hasAttribute(QLatin1String("P231_value")))
                 extras().parameters.insert(attrs.value(QLatin1String("P231_key")).toString(),
                                            attrs.value(QLatin1String("P231_value")).toString());
+        } else if (read_foreign_child(r, xi)) {
+            continue;
         }
         r.skipCurrentElement();
     }
@@ -595,6 +665,8 @@ bool Element::_save_xml(const QSharedPointer<Element>& self, QXmlStreamWriter& w
             w.writeAttribute(QStringLiteral("P231_value"), it.value().toString());
         }
     }
+    if ((parts & xml_part_children) && xi.write_children())
+        write_foreign_children(w, xi);
     if (parts & xml_part_end)
         w.writeEndElement();
     if (w.hasError()) {

@@ -16,6 +16,7 @@
 #include <QMutex>
 #include <QPointF>
 #include <QSet>
+#include <QStringList>
 #include <QSharedPointer>
 #include <QUuid>
 #include <QVariant>
@@ -176,6 +177,12 @@ public:
     Attribute* extra_attribute(QStringView name) const;
     void _add(const QString& name, Attribute* attribute);
     const QMap<QString, QVariant>& extended_parameters() const;
+    QStringList foreign_children() const { return m_extras ? m_extras->foreign_children : QStringList(); }
+    // At the start tag of a child element of another maker ("P094_..."): keeps it as XML text
+    // when the interface keeps proprietary content and answers true; false leaves the reader.
+    bool read_foreign_child(QXmlStreamReader& r, XML_interface& xi);
+    // Writes them back (only when the interface keeps proprietary content).
+    void write_foreign_children(QXmlStreamWriter& w, XML_interface& xi) const;
     void set_extended_parameter(const QString& key, const QVariant& value);
     bool remove_extended_parameter(const QString& key);
 
@@ -204,6 +211,9 @@ protected:
         QVector<QPair<QString, Attribute*>> attributes; // in document order
         QMap<QString, QVariant> parameters;
         QVector<QWeakPointer<QObject>> receivers;
+        // Child elements of other makers ("P094_..."): not part of the tree, kept as XML text
+        // so that they are written back inside their element when proprietary content is kept.
+        QStringList foreign_children;
         ~Extras();
     };
     Extras& extras();

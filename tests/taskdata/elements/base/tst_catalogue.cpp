@@ -184,6 +184,8 @@ private slots:
     void round_trip();
     void read_twice_keeps_identity();
     void extended_parameter_needs_both_keys();
+    void foreign_children_kept_data();
+    void foreign_children_kept();
     void corpus_counts_data();
     void corpus_counts();
 };
@@ -272,6 +274,8 @@ void Tst_catalogue::round_trip()
             for (unsigned i = 0; i < kind.num_lists; ++i)
                 if (kind.list_versions[i] <= version)
                     children.append(QString::fromLatin1(kind.list_tags[i]));
+            if (keep)
+                children.append("P123_Unknown"); // another maker's element is kept, not read
             QVERIFY2(p.children == children, qPrintable(where));
             QCOMPARE(p.parameters.value("colour"), keep ? QString("red") : QString());
         }
@@ -317,6 +321,36 @@ void Tst_catalogue::extended_parameter_needs_both_keys()
                       xi));
     QCOMPARE(task->extended_parameters().size(), 1);
     QCOMPARE(task->extended_parameters().value("c").toString(), QString("d"));
+}
+
+void Tst_catalogue::foreign_children_kept_data()
+{
+    QTest::addColumn<bool>("keep");
+    QTest::addColumn<int>("reads");
+    QTest::addColumn<bool>("written");
+    QTest::newRow("kept") << true << 1 << true;
+    QTest::newRow("kept, read twice, not doubled") << true << 2 << true;
+    QTest::newRow("not kept") << false << 1 << false;
+}
+
+void Tst_catalogue::foreign_children_kept()
+{
+    QFETCH(bool, keep);
+    QFETCH(int, reads);
+    QFETCH(bool, written);
+    const QByteArray xml = R"(<BSN A="BSN1" B="b" C="52" D="7" E="0"><P094_Area A="12 &amp; more"><P094_Point X="1"/></P094_Area>)"
+                           R"(<P231_Other/></BSN>)";
+    auto man = Element_man::create();
+    auto bsn = QSharedPointer<Base_station>::create(man);
+    XML_interface xi;
+    xi.set_keep_proprietary(keep);
+    for (int i = 0; i < reads; ++i)
+        QVERIFY(read_into(bsn, xml, xi));
+    const QByteArray out = write_element(bsn, 4, true);
+    QCOMPARE(out.count("<P094_Area"), written ? 1 : 0);
+    QCOMPARE(out.contains(R"(<P094_Area A="12 &amp; more"><P094_Point X="1"/></P094_Area>)"), written);
+    QVERIFY(!out.contains("P231_Other"));
+    QVERIFY(!write_element(bsn, 4, false).contains("P094"));
 }
 
 void Tst_catalogue::corpus_counts_data()
