@@ -1,0 +1,120 @@
+// `taskdata`: the command-line face of the library for integrators and operators. Dispatches to
+// one function per subcommand; each writes its results on stdout and its complaints on stderr,
+// and the library's own diagnostics, wherever it prints them, end up on stderr too.
+#include "check_command.h"
+#include "convert_command.h"
+#include "ddi_command.h"
+#include "generate_command.h"
+#include "info_command.h"
+#include "tool_support.h"
+
+#if defined(KTD_HAVE_TIMELOG_COMMAND) && __has_include("timelog_command.h")
+#include "timelog_command.h"
+#define KTD_TIMELOG_AVAILABLE 1
+#endif
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QTextStream>
+
+#include <cstdio>
+#include <unistd.h>
+
+namespace {
+
+void print_help(QTextStream& s)
+{
+    s << "usage: taskdata COMMAND [ARGS]\n"
+         "\n"
+         "Reads, checks, converts and generates ISO 11783-10 task data directories\n"
+         "(TASKDATA.XML with its linked XML and binary files).\n"
+         "\n"
+         "commands:\n"
+         "  info DIR [--json]          format version, software, element counts, tasks, files, warnings\n"
+         "  check DIR [--json]         what to fix before sending DIR to a machine, one line per problem\n"
+         "  convert DIR OUTDIR [--format-version 3|4] [--no-proprietary]\n"
+         "                             write DIR again as a complete directory OUTDIR\n"
+         "  generate OUTDIR [--fields N] [--points K] [--tasks T] [--seed S]\n"
+         "                             write a synthetic, valid version 4 directory of a chosen size\n"
+         "  ddi NUMBER|NAME            look a data dictionary entry up\n"
+         "  timelog DIR [--tlg NAME] [--csv FILE]\n"
+         "                             describe the time logs, write one as CSV\n"
+         "  help [COMMAND]             this text, or the usage of one command\n"
+         "\n"
+         "DIR is a task data directory or its main file; file names are found regardless of case.\n"
+         "\n"
+         "exit codes:\n"
+         "  0  done; check found nothing\n"
+         "  1  check found problems; ddi matched nothing; timelog could not decode a time log\n"
+         "  2  bad usage, or the input directory cannot be loaded (timelog: also the CSV file\n"
+         "     cannot be written)\n"
+         "  3  the output directory could not be written (convert, generate)\n"
+         "Diagnostics of the library are printed on standard error; KTD_DEBUG adds more.\n";
+}
+
+int run(const QString& command, const QStringList& rest, QTextStream& out, QTextStream& err)
+{
+    if (command == QLatin1String("info"))
+        return run_info_command(rest, out, err);
+    if (command == QLatin1String("check"))
+        return run_check_command(rest, out, err);
+    if (command == QLatin1String("convert"))
+        return run_convert_command(rest, out, err);
+    if (command == QLatin1String("generate"))
+        return run_generate_command(rest, out, err);
+    if (command == QLatin1String("ddi"))
+        return run_ddi_command(rest, out, err);
+    if (command == QLatin1String("timelog")) {
+#ifdef KTD_TIMELOG_AVAILABLE
+        return run_timelog_command(rest, out, err);
+#else
+        err << "taskdata timelog: not built into this version\n";
+        return Taskdata_tool::exit_unusable;
+#endif
+    }
+    err << "taskdata: unknown command " << command << '\n';
+    print_help(err);
+    return Taskdata_tool::exit_unusable;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("taskdata"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(KTD_TOOL_VERSION));
+    // The library prints some diagnostics on standard output; results must stay parseable
+    // (--json), so the tool keeps the real standard output for itself and sends everything
+    // else written there to standard error.
+    fflush(stdout);
+    const int result_fd = ::dup(STDOUT_FILENO);
+    QFile result_file;
+    if (result_fd >= 0 && ::dup2(STDERR_FILENO, STDOUT_FILENO) >= 0)
+        result_file.open(result_fd, QIODevice::WriteOnly, QFileDevice::AutoCloseHandle);
+    else
+        result_file.open(stdout, QIODevice::WriteOnly);
+    QTextStream out(&result_file);
+    QTextStream err(stderr);
+    out.setCodec("UTF-8");
+    err.setCodec("UTF-8");
+
+    const QStringList args = app.arguments().mid(1);
+    int code = Taskdata_tool::exit_ok;
+    if (args.isEmpty()) {
+        print_help(err);
+        code = Taskdata_tool::exit_unusable;
+    } else if (args.first() == QLatin1String("--help") || args.first() == QLatin1String("-h") ||
+               (args.first() == QLatin1String("help") && args.size() == 1)) {
+        print_help(out);
+    } else if (args.first() == QLatin1String("--version")) {
+        out << "taskdata " << KTD_TOOL_VERSION << '\n';
+    } else if (args.first() == QLatin1String("help")) {
+        code = run(args.at(1), {QStringLiteral("--help")}, out, err);
+    } else {
+        code = run(args.first(), args.mid(1), out, err);
+    }
+    out.flush();
+    err.flush();
+    return code;
+}
