@@ -409,7 +409,42 @@ bool Element::remove_extended_parameter(const QString& key)
 
 QVector<QWeakPointer<QObject>>& Element::receivers() { return extras().receivers; }
 
-void Element::notify_attribute_updated(Attribute*) { notify_changed(0); }
+namespace {
+// The element whose attributes are being read on this thread: the values of one start tag
+// arrive together, so they are announced together, once (and not at all for an element that
+// was just added, whose add event already told).
+thread_local Element* t_reading = nullptr;
+thread_local bool t_reading_changed = false;
+thread_local Element* t_new_child = nullptr;
+
+struct Reading_attributes
+{
+    Element* previous = t_reading;
+    bool previous_changed = t_reading_changed;
+    explicit Reading_attributes(Element* e)
+    {
+        t_reading = e;
+        t_reading_changed = false;
+    }
+    bool changed() const { return t_reading_changed; }
+    ~Reading_attributes()
+    {
+        t_reading = previous;
+        t_reading_changed = previous_changed;
+    }
+};
+} // namespace
+
+void Element::reading_new_child(Element* child) { t_new_child = child; }
+
+void Element::notify_attribute_updated(Attribute*)
+{
+    if (t_reading == this) {
+        t_reading_changed = true;
+        return;
+    }
+    notify_changed(0);
+}
 
 void Element::notify_changed(unsigned)
 {
@@ -472,6 +507,9 @@ bool Element::_load_xml(const QSharedPointer<Element>& self, QXmlStreamReader& r
                         XML_read_write_parts parts)
 {
     if (parts & xml_part_attributes) {
+        const bool fresh = t_new_child == this;
+        t_new_child = nullptr;
+        Reading_attributes reading(this);
         const QXmlStreamAttributes attrs = r.attributes();
         for (const QXmlStreamAttribute& at : attrs) {
             const QStringRef name = at.name();
@@ -485,6 +523,8 @@ bool Element::_load_xml(const QSharedPointer<Element>& self, QXmlStreamReader& r
             }
             a->set_by_xml_value(self, QStringView(at.value()));
         }
+        if (reading.changed() && !fresh)
+            notify_changed(0);
     }
     if (parts & xml_part_children)
         return load_children(self, r, xi);

@@ -192,6 +192,9 @@ public:
     // Raises the manager's change counter and stamps this element, its ancestors and its list.
     void notify_attribute_updated(Attribute* attribute);
     void notify_changed(unsigned update_type);
+    // Tells the reader that `child` was just added by a list (its add event announced it), so
+    // the attributes read into it need no announcement of their own.
+    static void reading_new_child(Element* child);
     QVector<QWeakPointer<QObject>>& receivers();
 
     // --- data lock ---

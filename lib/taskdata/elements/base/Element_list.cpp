@@ -61,6 +61,7 @@ bool Element_list::load_xml(const QSharedPointer<Element>& owner, QXmlStreamRead
         set_list(child.data(), m_owner, this, m_children.size());
         m_children.append(child);
         send_list_add_event(m_children.size() - 1);
+        Element::reading_new_child(child.data());
     }
     return child->load_xml(child, r, xi, xml_part_all);
 }
