@@ -1,5 +1,6 @@
 #include "Task_data_files.h"
 
+#include "Fast_xml_reader.h"
 #include "File_lookup.h"
 #include "XML_interface.h"
 
@@ -22,6 +23,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <functional>
 
 namespace TC {
 namespace Task_data {
@@ -89,8 +91,24 @@ void walk(Element* e, const F& f)
             walk(c.data(), f);
 }
 
+// Reports what a loaded tree lacks: files its elements refer to, identifiers refused.
+void check_tree(XML_interface& xi, const QSharedPointer<Element>& root)
+{
+    for (const Task_data_files::Referenced_file& f : Task_data_files::referenced_files(root))
+        if (f.tag != xfr_tag) // looked up while reading
+            xi.infilepath(f.name);
+    walk(root.data(), [&](Element* e) {
+        Attributes::Base::UniqueID* id = e->id_attribute();
+        if (id && id->present() && !id->valid())
+            xi.add_warning(tr("%1 \"%2\" has an identifier that is malformed or already taken")
+                               .arg(e->get_tag(), e->get_designator()));
+    });
+}
+
 // --- reading ---
 
+// Each file is read by Fast_xml_reader when it passes the fast reader's prescan, else by
+// QXmlStreamReader (read_xml_file); R is the one reading the current file.
 struct Reader
 {
     XML_interface& xi;
@@ -100,12 +118,15 @@ struct Reader
     // that the n-th child of a tag is always the same element and a reload stays in place.
     QHash<QString, int> counters;
 
-    bool read_children(QXmlStreamReader& r, const QString& path, const QString& external);
-    bool read_individual(QXmlStreamReader& r, bool by_guid);
+    template <class R>
+    bool read_children(R& r, const QString& path, const QString& external);
+    template <class R>
+    bool read_individual(R& r, bool by_guid);
     bool read_external(const QSharedPointer<Element>& reference);
 };
 
-bool Reader::read_children(QXmlStreamReader& r, const QString& path, const QString& external)
+template <class R>
+bool Reader::read_children(R& r, const QString& path, const QString& external)
 {
     while (!r.atEnd()) {
         const QXmlStreamReader::TokenType t = r.readNext();
@@ -127,7 +148,7 @@ bool Reader::read_children(QXmlStreamReader& r, const QString& path, const QStri
             }
             const int index = counters[name]++;
             const int before = list->count();
-            if (!list->load_xml(root, r, xi, index))
+            if (!list->load_xml_from(root, r, xi, index))
                 return false;
             if (list->isEmpty())
                 continue;
@@ -144,29 +165,30 @@ bool Reader::read_children(QXmlStreamReader& r, const QString& path, const QStri
             continue;
         }
         if (name == ext_par && xi.admits(QStringView(name))) {
-            const QXmlStreamAttributes attrs = r.attributes();
-            if (attrs.hasAttribute(QLatin1String("P231_key")) && attrs.hasAttribute(QLatin1String("P231_value")))
-                root->set_extended_parameter(attrs.value(QLatin1String("P231_key")).toString(),
-                                             attrs.value(QLatin1String("P231_value")).toString());
-        } else if (root->read_foreign_child(r, xi)) {
+            bool has_key = false, has_value = false;
+            const QStringView key = r.attribute_value(QLatin1String("P231_key"), &has_key);
+            const QStringView value = r.attribute_value(QLatin1String("P231_value"), &has_value);
+            if (has_key && has_value)
+                root->set_extended_parameter(key.toString(), value.toString());
+        } else if (root->read_foreign_child_from(r, xi)) {
             continue;
         }
         r.skipCurrentElement();
     }
     if (r.hasError()) {
-        xi.set_fail(path, r);
+        r.fail(xi, path);
         return false;
     }
     return true;
 }
 
-bool Reader::read_individual(QXmlStreamReader& r, bool by_guid)
+template <class R>
+bool Reader::read_individual(R& r, bool by_guid)
 {
-    const QXmlStreamAttributes attrs = r.attributes();
-    const QString tag = attrs.value(QLatin1String("TAG")).toString();
+    const QString tag = r.attribute_value(QLatin1String("TAG")).toString();
     QString file;
     if (by_guid) {
-        const QString guid = attrs.value(QLatin1String("GUID")).toString();
+        const QString guid = r.attribute_value(QLatin1String("GUID")).toString();
         if (tag.isEmpty() || guid.isEmpty() || QUuid(guid).isNull()) {
             fprintf(stderr, "Bad GUID load %s:%s\n", tag.toUtf8().constData(), guid.toUtf8().constData());
             r.skipCurrentElement();
@@ -175,7 +197,7 @@ bool Reader::read_individual(QXmlStreamReader& r, bool by_guid)
         file = QStringLiteral("%1_%2.XML").arg(tag, QUuid(guid).toString(QUuid::WithoutBraces));
     } else {
         bool ok = false;
-        const int id = attrs.value(QLatin1String("ID")).toInt(&ok);
+        const int id = r.attribute_value(QLatin1String("ID")).toString().toInt(&ok);
         if (!ok || id == 0 || tag.isEmpty()) {
             fprintf(stderr, "Bad GUID load %s:%d\n", tag.toUtf8().constData(), id);
             r.skipCurrentElement();
@@ -200,50 +222,44 @@ bool Reader::read_external(const QSharedPointer<Element>& reference)
     const QString path = xi.infilepath(base + QStringLiteral(".XML"));
     if (path.isEmpty())
         return true;
-    QFile f(path);
-    if (!f.open(QIODevice::ReadOnly)) {
+    bool opened = false;
+    const bool ok = read_xml_file(path, opened, [&](auto& r) {
+        while (!r.atEnd() && r.readNext() != QXmlStreamReader::StartElement) {
+        }
+        if (r.tokenType() != QXmlStreamReader::StartElement) {
+            if (r.hasError()) {
+                r.fail(xi, path);
+                return false;
+            }
+            xi.add_warning(tr("Could not find start tag in %1").arg(path));
+            return true;
+        }
+        if (r.name() != xfc_tag) {
+            xi.add_warning(tr("Not a valid external file: %1").arg(path));
+            return true;
+        }
+        const QString previous = xi.cur_infilepath();
+        xi.set_cur_infilepath(path);
+        const bool ok = read_children(r, path, base);
+        xi.set_cur_infilepath(previous);
+        return ok;
+    });
+    if (!opened) {
         xi.add_warning(tr("Could not open %1").arg(path));
         return true;
     }
-    QXmlStreamReader r(&f);
-    while (!r.atEnd() && r.readNext() != QXmlStreamReader::StartElement) {
-    }
-    if (r.tokenType() != QXmlStreamReader::StartElement) {
-        if (r.hasError()) {
-            xi.set_fail(path, r);
-            return false;
-        }
-        xi.add_warning(tr("Could not find start tag in %1").arg(path));
-        return true;
-    }
-    if (r.name() != xfc_tag) {
-        xi.add_warning(tr("Not a valid external file: %1").arg(path));
-        return true;
-    }
-    const QString previous = xi.cur_infilepath();
-    xi.set_cur_infilepath(path);
-    const bool ok = read_children(r, path, base);
-    xi.set_cur_infilepath(previous);
     return ok;
 }
 
-bool read_link_list(XML_interface& xi, const QSharedPointer<Element_man>& man)
+template <class R>
+bool read_link_list_from(XML_interface& xi, const QSharedPointer<Element_man>& man, const QString& path, R& r)
 {
-    const QString path = xi.find_optional(link_list_name);
-    if (path.isEmpty())
-        return true;
-    QFile f(path);
-    if (!f.open(QIODevice::ReadOnly)) {
-        xi.add_warning(tr("Could not open %1").arg(path));
-        return true;
-    }
     xi.note_used_file(QFileInfo(path).fileName());
-    QXmlStreamReader r(&f);
     while (!r.atEnd() && r.readNext() != QXmlStreamReader::StartElement) {
     }
     if (r.tokenType() != QXmlStreamReader::StartElement || r.name() != QLatin1String("ISO11783LinkList")) {
         if (r.hasError())
-            xi.set_fail(path, r);
+            r.fail(xi, path);
         else
             xi.set_fail(tr("Not a valid LINKLIST.XML"));
         return false;
@@ -255,28 +271,20 @@ bool read_link_list(XML_interface& xi, const QSharedPointer<Element_man>& man)
     }
     const QString previous = xi.cur_infilepath();
     xi.set_cur_infilepath(path);
-    const bool ok = list->load_xml(list, r, xi, Elements::Base::xml_part_all);
+    const bool ok = list->load_xml_from(list, r, xi, Elements::Base::xml_part_all);
     xi.set_cur_infilepath(previous);
     return ok;
 }
 
-bool read_guid_list(XML_interface& xi, const QSharedPointer<Element_man>& man)
+template <class R>
+bool read_guid_list_from(XML_interface& xi, const QSharedPointer<Element_man>& man, const QString& path, R& r)
 {
-    const QString path = xi.find_optional(guid_list_name);
-    if (path.isEmpty())
-        return true;
-    QFile f(path);
-    if (!f.open(QIODevice::ReadOnly)) {
-        xi.add_warning(tr("Could not open %1").arg(path));
-        return true;
-    }
     xi.note_used_file(QFileInfo(path).fileName());
-    QXmlStreamReader r(&f);
     while (!r.atEnd() && r.readNext() != QXmlStreamReader::StartElement) {
     }
     if (r.tokenType() != QXmlStreamReader::StartElement || r.name() != guid_list_root) {
         if (r.hasError())
-            xi.set_fail(path, r);
+            r.fail(xi, path);
         else
             xi.set_fail(tr("Not a valid GUIDLIST.XML"));
         return false;
@@ -293,9 +301,8 @@ bool read_guid_list(XML_interface& xi, const QSharedPointer<Element_man>& man)
         ++depth;
         if (depth != 2 || r.name() != QLatin1String("GUID"))
             continue;
-        const QXmlStreamAttributes attrs = r.attributes();
-        const QString id = attrs.value(QLatin1String("ID")).toString();
-        const QUuid guid(attrs.value(QLatin1String("GUID")).toString());
+        const QString id = r.attribute_value(QLatin1String("ID")).toString();
+        const QUuid guid(r.attribute_value(QLatin1String("GUID")).toString());
         QString prefix;
         int n = 0;
         if (guid.isNull() || !Attributes::Base::UniqueID::deconstruct_uid_string(prefix, n, id) || n == 0) {
@@ -305,24 +312,85 @@ bool read_guid_list(XML_interface& xi, const QSharedPointer<Element_man>& man)
         man->register_uid_for_guid(prefix, n, guid);
     }
     if (r.hasError()) {
-        xi.set_fail(path, r);
+        r.fail(xi, path);
         return false;
     }
     return true;
 }
 
-// Reports what a loaded tree lacks: files its elements refer to, identifiers refused.
-void check_tree(XML_interface& xi, const QSharedPointer<Element>& root)
+// A link or GUID list through whichever reader suits the file.
+bool read_optional_list(XML_interface& xi, const QSharedPointer<Element_man>& man, const QString& name)
 {
-    for (const Task_data_files::Referenced_file& f : Task_data_files::referenced_files(root))
-        if (f.tag != xfr_tag) // looked up while reading
-            xi.infilepath(f.name);
-    walk(root.data(), [&](Element* e) {
-        Attributes::Base::UniqueID* id = e->id_attribute();
-        if (id && id->present() && !id->valid())
-            xi.add_warning(tr("%1 \"%2\" has an identifier that is malformed or already taken")
-                               .arg(e->get_tag(), e->get_designator()));
+    const QString path = xi.find_optional(name);
+    if (path.isEmpty())
+        return true;
+    bool opened = false;
+    const bool ok = read_xml_file(path, opened, [&](auto& r) {
+        return name == link_list_name ? read_link_list_from(xi, man, path, r) : read_guid_list_from(xi, man, path, r);
     });
+    if (!opened) {
+        xi.add_warning(tr("Could not open %1").arg(path));
+        return true;
+    }
+    return ok;
+}
+
+// The main file, read by R, and everything it refers to. `set_version` gets the document's
+// format version as soon as it is known, before the elements are read.
+template <class R>
+bool read_document(XML_interface& xi, const QSharedPointer<Element_man>& man, const QString& main_path,
+                   const std::function<void(int)>& set_version, R& r)
+{
+    while (!r.atEnd() && r.readNext() != QXmlStreamReader::StartElement) {
+    }
+    if (r.tokenType() != QXmlStreamReader::StartElement) {
+        xi.set_fail(tr("Could not find start tag"));
+        return false;
+    }
+    if (r.name() != QLatin1String(Elements::Base::Task_data::static_kind().tag)) {
+        xi.set_fail(tr("Not a valid TASKDATA.XML"));
+        return false;
+    }
+    bool has_version = false;
+    const QStringView major = r.attribute_value(QLatin1String("VersionMajor"), &has_version);
+    if (!has_version) {
+        xi.set_fail(tr("No Version Major tag"));
+        return false;
+    }
+    bool number = false;
+    const int version = major.trimmed().toString().toInt(&number);
+    if (!number || version < 0) {
+        xi.set_fail(tr("Bad Version Major tag"));
+        return false;
+    }
+    set_version(version);
+
+    man->set_task_data_dir(QFileInfo(main_path).absolutePath());
+    QSharedPointer<Element> root = man->root();
+    if (!root) {
+        root = QSharedPointer<Elements::Base::Task_data>::create(man.toWeakRef());
+        man->set_root(root);
+    } else if (!tag_is(root.data(), Elements::Base::Task_data::static_kind().tag)) {
+        xi.set_fail(tr("The manager's root is not a task data root"));
+        return false;
+    }
+    const QSharedPointer<Document_state> state = state_of(man, true);
+    state->format_version = version;
+    state->origins.clear();
+
+    xi.set_cur_infilepath(main_path);
+    bool ok = root->load_xml_from(root, r, xi, Elements::Base::xml_part_attributes);
+    if (ok) {
+        Reader reader{xi, root, *state, {}};
+        ok = reader.read_children(r, main_path, QString());
+    }
+    xi.set_cur_infilepath(QString());
+    if (!ok)
+        return false;
+    if (!read_optional_list(xi, man, link_list_name) || !read_optional_list(xi, man, guid_list_name))
+        return false;
+    check_tree(xi, root);
+    return true;
 }
 
 // --- writing ---
@@ -735,65 +803,17 @@ bool Task_data_files::load(XML_interface& xi, const QSharedPointer<Element_man>&
     if (!found.message.isEmpty())
         xi.add_warning(found.message);
     main_path = found.path;
-    xi.note_used_file(QFileInfo(main_path).fileName());
 
-    QFile f(main_path);
-    if (!f.open(QIODevice::ReadOnly)) {
-        xi.set_fail(tr("Could not open %1").arg(main_path));
-        return finish(false);
-    }
-    QXmlStreamReader r(&f);
-    while (!r.atEnd() && r.readNext() != QXmlStreamReader::StartElement) {
-    }
-    if (r.tokenType() != QXmlStreamReader::StartElement) {
-        xi.set_fail(tr("Could not find start tag"));
-        return finish(false);
-    }
-    if (r.name() != QLatin1String(Elements::Base::Task_data::static_kind().tag)) {
-        xi.set_fail(tr("Not a valid TASKDATA.XML"));
-        return finish(false);
-    }
-    const QXmlStreamAttributes attrs = r.attributes();
-    if (!attrs.hasAttribute(QLatin1String("VersionMajor"))) {
-        xi.set_fail(tr("No Version Major tag"));
-        return finish(false);
-    }
-    bool number = false;
-    const int version = attrs.value(QLatin1String("VersionMajor")).trimmed().toInt(&number);
-    if (!number || version < 0) {
-        xi.set_fail(tr("Bad Version Major tag"));
-        return finish(false);
-    }
     // Not through set_format_version(): the version belongs to this run, not to a later save
     // of another document through the same interface.
-    xi.m_format_version = version;
-
-    man->set_task_data_dir(QFileInfo(main_path).absolutePath());
-    QSharedPointer<Element> root = man->root();
-    if (!root) {
-        root = QSharedPointer<Elements::Base::Task_data>::create(man.toWeakRef());
-        man->set_root(root);
-    } else if (!tag_is(root.data(), Elements::Base::Task_data::static_kind().tag)) {
-        xi.set_fail(tr("The manager's root is not a task data root"));
-        return finish(false);
-    }
-    const QSharedPointer<Document_state> state = state_of(man, true);
-    state->format_version = version;
-    state->origins.clear();
-
-    xi.set_cur_infilepath(main_path);
-    bool ok = root->load_xml(root, r, xi, Elements::Base::xml_part_attributes);
-    if (ok) {
-        Reader reader{xi, root, *state, {}};
-        ok = reader.read_children(r, main_path, QString());
-    }
-    xi.set_cur_infilepath(QString());
-    if (!ok)
-        return finish(false);
-    if (!read_link_list(xi, man) || !read_guid_list(xi, man))
-        return finish(false);
-    check_tree(xi, root);
-    return finish(true);
+    const auto set_version = [&xi](int version) { xi.m_format_version = version; };
+    xi.note_used_file(QFileInfo(main_path).fileName());
+    bool opened = false;
+    const bool ok = read_xml_file(main_path, opened,
+                                  [&](auto& r) { return read_document(xi, man, main_path, set_version, r); });
+    if (!opened)
+        xi.set_fail(tr("Could not open %1").arg(main_path));
+    return finish(ok);
 }
 
 bool Task_data_files::save(XML_interface& xi, const QSharedPointer<Element_man>& man)

@@ -6,6 +6,7 @@
 #include <taskdata/attributes/base/LinkedID.h>
 #include <taskdata/attributes/base/String.h>
 #include <taskdata/attributes/base/UniqueID.h>
+#include <taskdata/common/Fast_xml_reader.h>
 #include <taskdata/common/XML_interface.h>
 
 #include <QDomElement>
@@ -472,8 +473,10 @@ bool Element::save_xml(XML_interface& xi)
 }
 
 namespace {
-// The element at the reader's start tag with its whole subtree, as XML text.
-QString capture_subtree(QXmlStreamReader& r)
+// The element at the reader's start tag with its whole subtree, as XML text. Written from the
+// tokens, so that either reader gives the same text.
+template <class R>
+QString capture_subtree(R& r)
 {
     QString text;
     QXmlStreamWriter w(&text);
@@ -483,7 +486,7 @@ QString capture_subtree(QXmlStreamReader& r)
             ++depth;
         else if (r.tokenType() == QXmlStreamReader::EndElement)
             --depth;
-        w.writeCurrentToken(r);
+        r.write_current_token(w);
         if (depth == 0)
             break;
         r.readNext();
@@ -506,32 +509,39 @@ void write_subtree(QXmlStreamWriter& w, const QString& text)
 bool Element::_load_xml(const QSharedPointer<Element>& self, QXmlStreamReader& r, XML_interface& xi,
                         XML_read_write_parts parts)
 {
+    Qt_xml_source source(r);
+    return load_xml_from(self, source, xi, parts);
+}
+
+template <class R>
+bool Element::load_xml_from(const QSharedPointer<Element>& self, R& r, XML_interface& xi, XML_read_write_parts parts)
+{
     if (parts & xml_part_attributes) {
         const bool fresh = t_new_child == this;
         t_new_child = nullptr;
         Reading_attributes reading(this);
-        const QXmlStreamAttributes attrs = r.attributes();
-        for (const QXmlStreamAttribute& at : attrs) {
-            const QStringRef name = at.name();
-            Attribute* a = find_attribute(QStringView(name));
+        const int n = r.attribute_count();
+        for (int i = 0; i < n; ++i) {
+            const QStringView name = r.attribute_name(i);
+            Attribute* a = find_attribute(name);
             if (!a) {
-                a = extra_attribute(QStringView(name));
+                a = extra_attribute(name);
                 if (!a) {
                     a = new Attributes::Base::Extra_string(name.toString());
                     _add(name.toString(), a);
                 }
             }
-            a->set_by_xml_value(self, QStringView(at.value()));
+            a->set_by_xml_value(self, r.attribute_value(i));
         }
         if (reading.changed() && !fresh)
             notify_changed(0);
     }
     if (parts & xml_part_children)
-        return load_children(self, r, xi);
+        return load_children_from(self, r, xi);
     if (parts & xml_part_end)
         r.skipCurrentElement();
     if (r.hasError()) {
-        xi.set_fail(xi.cur_infilepath(), r);
+        r.fail(xi, xi.cur_infilepath());
         return false;
     }
     return true;
@@ -539,9 +549,16 @@ bool Element::_load_xml(const QSharedPointer<Element>& self, QXmlStreamReader& r
 
 bool Element::read_foreign_child(QXmlStreamReader& r, XML_interface& xi)
 {
-    const QStringRef name = r.name();
-    if (!Attribute::Spec::is_proprietary_name(QStringView(name)) || !xi.keep_proprietary() ||
-        !xi.admits(QStringView(name)) || name.startsWith(QLatin1String("P231_")))
+    Qt_xml_source source(r);
+    return read_foreign_child_from(source, xi);
+}
+
+template <class R>
+bool Element::read_foreign_child_from(R& r, XML_interface& xi)
+{
+    const QStringView name = r.name();
+    if (!Attribute::Spec::is_proprietary_name(name) || !xi.keep_proprietary() || !xi.admits(name) ||
+        name.startsWith(QLatin1String("P231_")))
         return false;
     // Another maker's element: not ours to interpret, but not ours to lose either. A reload
     // of the same file finds the same text and adds nothing.
@@ -562,6 +579,13 @@ void Element::write_foreign_children(QXmlStreamWriter& w, XML_interface& xi) con
 
 bool Element::load_children(const QSharedPointer<Element>& self, QXmlStreamReader& r, XML_interface& xi)
 {
+    Qt_xml_source source(r);
+    return load_children_from(self, source, xi);
+}
+
+template <class R>
+bool Element::load_children_from(const QSharedPointer<Element>& self, R& r, XML_interface& xi)
+{
     const Kind_info& k = kind();
     QVarLengthArray<int, 20> counters(int(k.num_lists));
     for (int& c : counters)
@@ -576,7 +600,7 @@ bool Element::load_children(const QSharedPointer<Element>& self, QXmlStreamReade
             return true;
         if (t != QXmlStreamReader::StartElement)
             continue;
-        const QStringRef name = r.name();
+        const QStringView name = r.name();
         const int list_index = [&] {
             if (name.size() != 3)
                 return -1;
@@ -589,38 +613,39 @@ bool Element::load_children(const QSharedPointer<Element>& self, QXmlStreamReade
             return -1;
         }();
         if (list_index >= 0) {
-            if (!_element_list(unsigned(list_index))->load_xml(self, r, xi, counters[list_index]++))
+            if (!_element_list(unsigned(list_index))->load_xml_from(self, r, xi, counters[list_index]++))
                 return false;
             continue;
         }
         if (name == uid_xfr || name == guid_xfr) {
             // Inline children and referenced files of one tag share one occurrence counter, or
             // a file would be read over an inline child of its tag.
-            const QString tag = r.attributes().value(QLatin1String("TAG")).toString();
+            const QString tag = r.attribute_value(QLatin1String("TAG")).toString();
             int tag_list = -1;
             for (unsigned i = 0; i < k.num_lists; ++i)
                 if (tag == QLatin1String(k.list_tags[i]))
                     tag_list = int(i);
             if (tag_list >= 0)
                 reference_counters[tag] = counters[tag_list];
-            if (!load_individual_reference(self, r, xi, name == guid_xfr, reference_counters))
+            if (!load_individual_reference_from(self, r, xi, name == guid_xfr, reference_counters))
                 return false;
             if (tag_list >= 0)
                 counters[tag_list] = reference_counters.value(tag);
             continue;
         }
-        if (name == ext_par && xi.admits(QStringView(name))) {
-            const QXmlStreamAttributes attrs = r.attributes();
-            if (attrs.hasAttribute(QLatin1String("P231_key")) && attrs.hasAttribute(QLatin1String("P231_value")))
-                extras().parameters.insert(attrs.value(QLatin1String("P231_key")).toString(),
-                                           attrs.value(QLatin1String("P231_value")).toString());
-        } else if (read_foreign_child(r, xi)) {
+        if (name == ext_par && xi.admits(name)) {
+            bool has_key = false, has_value = false;
+            const QStringView key = r.attribute_value(QLatin1String("P231_key"), &has_key);
+            const QStringView value = r.attribute_value(QLatin1String("P231_value"), &has_value);
+            if (has_key && has_value)
+                extras().parameters.insert(key.toString(), value.toString());
+        } else if (read_foreign_child_from(r, xi)) {
             continue;
         }
         r.skipCurrentElement();
     }
     if (r.hasError()) {
-        xi.set_fail(xi.cur_infilepath(), r);
+        r.fail(xi, xi.cur_infilepath());
         return false;
     }
     return true;
@@ -629,20 +654,27 @@ bool Element::load_children(const QSharedPointer<Element>& self, QXmlStreamReade
 bool Element::load_individual_reference(const QSharedPointer<Element>& self, QXmlStreamReader& r, XML_interface& xi,
                                         bool by_guid, QHash<QString, int>& counters)
 {
-    const QXmlStreamAttributes attrs = r.attributes();
-    const QString tag = attrs.value(QLatin1String("TAG")).toString();
+    Qt_xml_source source(r);
+    return load_individual_reference_from(self, source, xi, by_guid, counters);
+}
+
+template <class R>
+bool Element::load_individual_reference_from(const QSharedPointer<Element>& self, R& r, XML_interface& xi,
+                                             bool by_guid, QHash<QString, int>& counters)
+{
+    const QString tag = r.attribute_value(QLatin1String("TAG")).toString();
     QString file;
     if (by_guid) {
-        const QStringRef guid = attrs.value(QLatin1String("GUID"));
-        if (tag.isEmpty() || guid.isEmpty() || QUuid(guid.toString()).isNull()) {
+        const QString guid = r.attribute_value(QLatin1String("GUID")).toString();
+        if (tag.isEmpty() || guid.isEmpty() || QUuid(guid).isNull()) {
             fprintf(stderr, "Bad GUID load %s:%s\n", tag.toUtf8().constData(), guid.toUtf8().constData());
             r.skipCurrentElement();
             return true;
         }
-        file = QStringLiteral("%1_%2.XML").arg(tag, QUuid(guid.toString()).toString(QUuid::WithoutBraces));
+        file = QStringLiteral("%1_%2.XML").arg(tag, QUuid(guid).toString(QUuid::WithoutBraces));
     } else {
         bool ok = false;
-        const int id = attrs.value(QLatin1String("ID")).toInt(&ok);
+        const int id = r.attribute_value(QLatin1String("ID")).toString().toInt(&ok);
         if (!ok || id == 0 || tag.isEmpty()) {
             fprintf(stderr, "Bad GUID load %s:%d\n", tag.toUtf8().constData(), id);
             r.skipCurrentElement();
@@ -658,6 +690,13 @@ bool Element::load_individual_reference(const QSharedPointer<Element>& self, QXm
     const int index = counters[tag]++;
     return list->load_individual_file(self, file, xi, index);
 }
+
+template bool Element::load_xml_from<Fast_xml_reader>(const QSharedPointer<Element>&, Fast_xml_reader&,
+                                                      XML_interface&, XML_read_write_parts);
+template bool Element::load_xml_from<Qt_xml_source>(const QSharedPointer<Element>&, Qt_xml_source&, XML_interface&,
+                                                    XML_read_write_parts);
+template bool Element::read_foreign_child_from<Fast_xml_reader>(Fast_xml_reader&, XML_interface&);
+template bool Element::read_foreign_child_from<Qt_xml_source>(Qt_xml_source&, XML_interface&);
 
 bool Element::_save_xml(const QSharedPointer<Element>& self, QXmlStreamWriter& w, XML_interface& xi,
                         XML_read_write_parts parts)

@@ -34,6 +34,8 @@ namespace TC {
 namespace Task_data {
 
 class XML_interface;
+class Fast_xml_reader;
+class Qt_xml_source;
 class Export_properties;
 class Scene;
 
@@ -181,6 +183,14 @@ public:
     // At the start tag of a child element of another maker ("P094_..."): keeps it as XML text
     // when the interface keeps proprietary content and answers true; false leaves the reader.
     bool read_foreign_child(QXmlStreamReader& r, XML_interface& xi);
+    // The reading logic behind _load_xml and read_foreign_child, once for both readers: R is
+    // Fast_xml_reader or Qt_xml_source (instantiated for those two only). It does not go
+    // through the virtual _load_xml of the children it reads.
+    template <class R>
+    bool load_xml_from(const QSharedPointer<Element>& self, R& r, XML_interface& xi,
+                       XML_read_write_parts parts = xml_part_all);
+    template <class R>
+    bool read_foreign_child_from(R& r, XML_interface& xi);
     // Writes them back (only when the interface keeps proprietary content).
     void write_foreign_children(QXmlStreamWriter& w, XML_interface& xi) const;
     void set_extended_parameter(const QString& key, const QVariant& value);
@@ -223,6 +233,11 @@ protected:
     bool load_children(const QSharedPointer<Element>& self, QXmlStreamReader& r, XML_interface& xi);
     bool load_individual_reference(const QSharedPointer<Element>& self, QXmlStreamReader& r, XML_interface& xi,
                                    bool by_guid, QHash<QString, int>& counters);
+    template <class R>
+    bool load_children_from(const QSharedPointer<Element>& self, R& r, XML_interface& xi);
+    template <class R>
+    bool load_individual_reference_from(const QSharedPointer<Element>& self, R& r, XML_interface& xi,
+                                        bool by_guid, QHash<QString, int>& counters);
 
     QWeakPointer<Element_man> m_man;
     Element* m_parent = nullptr;

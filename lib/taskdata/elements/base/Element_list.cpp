@@ -3,6 +3,7 @@
 #include "Element_man.h"
 
 #include <taskdata/attributes/base/UniqueID.h>
+#include <taskdata/common/Fast_xml_reader.h>
 #include <taskdata/common/XML_interface.h>
 
 #include <QBuffer>
@@ -47,6 +48,13 @@ void Element_list::set_list(Element* child, Element* parent, Element_list* list,
 
 bool Element_list::load_xml(const QSharedPointer<Element>& owner, QXmlStreamReader& r, XML_interface& xi, int index)
 {
+    Qt_xml_source source(r);
+    return load_xml_from(owner, source, xi, index);
+}
+
+template <class R>
+bool Element_list::load_xml_from(const QSharedPointer<Element>& owner, R& r, XML_interface& xi, int index)
+{
     QSharedPointer<Element> child;
     if (index >= 0 && index < m_children.size()) {
         child = m_children[index];
@@ -63,7 +71,7 @@ bool Element_list::load_xml(const QSharedPointer<Element>& owner, QXmlStreamRead
         send_list_add_event(m_children.size() - 1);
         Element::reading_new_child(child.data());
     }
-    return child->load_xml(child, r, xi, xml_part_all);
+    return child->load_xml_from(child, r, xi, xml_part_all);
 }
 
 bool Element_list::save_xml(const QSharedPointer<Element>& owner, QXmlStreamWriter& w, XML_interface& xi)
@@ -123,31 +131,43 @@ bool Element_list::load_individual_file(const QSharedPointer<Element>& owner, co
     const QString path = xi.infilepath(filename);
     if (path.isEmpty())
         return true;
-    QFile f(path);
-    if (!f.open(QIODevice::ReadOnly)) {
+    bool opened = false;
+    const bool ok = read_xml_file(path, opened, [&](auto& r) { return load_individual_file_from(owner, path, xi, index, r); });
+    if (!opened) {
         xi.add_warning(QStringLiteral("Could not open %1").arg(path));
         return true;
     }
-    QXmlStreamReader r(&f);
+    return ok;
+}
+
+template <class R>
+bool Element_list::load_individual_file_from(const QSharedPointer<Element>& owner, const QString& path,
+                                             XML_interface& xi, int index, R& r)
+{
     const QString previous = xi.cur_infilepath();
     xi.set_cur_infilepath(path);
     bool ok = true;
     while (!r.atEnd()) {
         if (r.readNext() == QXmlStreamReader::StartElement) {
             if (r.name() == QLatin1String(m_tag))
-                ok = load_xml(owner, r, xi, index);
+                ok = load_xml_from(owner, r, xi, index);
             else
                 r.skipCurrentElement();
             break;
         }
     }
     if (ok && r.hasError()) {
-        xi.set_fail(path, r);
+        r.fail(xi, path);
         ok = false;
     }
     xi.set_cur_infilepath(previous);
     return ok;
 }
+
+template bool Element_list::load_xml_from<Fast_xml_reader>(const QSharedPointer<Element>&, Fast_xml_reader&,
+                                                           XML_interface&, int);
+template bool Element_list::load_xml_from<Qt_xml_source>(const QSharedPointer<Element>&, Qt_xml_source&,
+                                                         XML_interface&, int);
 
 bool Element_list::add(const QSharedPointer<Element>& child, int index, bool notify)
 {

@@ -44,9 +44,14 @@ public:
     bool save_xml(const QSharedPointer<Element>& owner, QXmlStreamWriter& w, XML_interface& xi);
     // Writes each child to a file of its own and a reference to it into `w`.
     bool save_to_individual_files(QXmlStreamWriter& w, XML_interface& xi);
-    // Reads one child from a file of its own (its root is the child's tag), in place at `index`.
+    // Reads one child from a file of its own (its root is the child's tag), in place at `index`:
+    // with Fast_xml_reader when the file passes its prescan, else with QXmlStreamReader.
     bool load_individual_file(const QSharedPointer<Element>& owner, const QString& filename, XML_interface& xi,
                               int index);
+
+    // The same over either reader (Fast_xml_reader or Qt_xml_source, see Element::load_xml_from).
+    template <class R>
+    bool load_xml_from(const QSharedPointer<Element>& owner, R& r, XML_interface& xi, int index);
 
     // Inserts at index (-1 appends); sets the child's parent and sends the child-added event.
     bool add(const QSharedPointer<Element>& child, int index = -1, bool notify = true);
@@ -65,6 +70,10 @@ public:
     static void set_list(Element* child, Element* parent, Element_list* list, int index);
 
 protected:
+    template <class R>
+    bool load_individual_file_from(const QSharedPointer<Element>& owner, const QString& path, XML_interface& xi,
+                                   int index, R& r);
+
     Element* m_owner;
     const char* m_tag;
     int m_version;
