@@ -185,31 +185,7 @@ bool Reader::read_children(R& r, const QString& path, const QString& external)
 template <class R>
 bool Reader::read_individual(R& r, bool by_guid)
 {
-    const QString tag = r.attribute_value(QLatin1String("TAG")).toString();
-    QString file;
-    if (by_guid) {
-        const QString guid = r.attribute_value(QLatin1String("GUID")).toString();
-        if (tag.isEmpty() || guid.isEmpty() || QUuid(guid).isNull()) {
-            fprintf(stderr, "Bad GUID load %s:%s\n", tag.toUtf8().constData(), guid.toUtf8().constData());
-            r.skipCurrentElement();
-            return !r.hasError();
-        }
-        file = QStringLiteral("%1_%2.XML").arg(tag, QUuid(guid).toString(QUuid::WithoutBraces));
-    } else {
-        bool ok = false;
-        const int id = r.attribute_value(QLatin1String("ID")).toString().toInt(&ok);
-        if (!ok || id == 0 || tag.isEmpty()) {
-            fprintf(stderr, "Bad GUID load %s:%d\n", tag.toUtf8().constData(), id);
-            r.skipCurrentElement();
-            return !r.hasError();
-        }
-        file = QStringLiteral("%1_%2.XML").arg(tag).arg(id);
-    }
-    r.skipCurrentElement();
-    Element_list* list = root->find_list(tag);
-    if (!list)
-        return !r.hasError();
-    return list->load_individual_file(root, file, xi, counters[tag]++);
+    return root->load_individual_reference_from(root, r, xi, by_guid, counters) && !r.hasError();
 }
 
 bool Reader::read_external(const QSharedPointer<Element>& reference)

@@ -697,6 +697,11 @@ template bool Element::load_xml_from<Qt_xml_source>(const QSharedPointer<Element
                                                     XML_read_write_parts);
 template bool Element::read_foreign_child_from<Fast_xml_reader>(Fast_xml_reader&, XML_interface&);
 template bool Element::read_foreign_child_from<Qt_xml_source>(Qt_xml_source&, XML_interface&);
+template bool Element::load_individual_reference_from<Fast_xml_reader>(const QSharedPointer<Element>&,
+                                                                       Fast_xml_reader&, XML_interface&, bool,
+                                                                       QHash<QString, int>&);
+template bool Element::load_individual_reference_from<Qt_xml_source>(const QSharedPointer<Element>&, Qt_xml_source&,
+                                                                     XML_interface&, bool, QHash<QString, int>&);
 
 bool Element::_save_xml(const QSharedPointer<Element>& self, QXmlStreamWriter& w, XML_interface& xi,
                         XML_read_write_parts parts)

@@ -191,6 +191,12 @@ public:
                        XML_read_write_parts parts = xml_part_all);
     template <class R>
     bool read_foreign_child_from(R& r, XML_interface& xi);
+    // At a "P231_UID_XFR" / "P231_GUID_XFR" reference: reads the element file it names into
+    // the child list of its tag, at the tag's next occurrence (`counters`, shared with inline
+    // children of the tag).
+    template <class R>
+    bool load_individual_reference_from(const QSharedPointer<Element>& self, R& r, XML_interface& xi,
+                                        bool by_guid, QHash<QString, int>& counters);
     // Writes them back (only when the interface keeps proprietary content).
     void write_foreign_children(QXmlStreamWriter& w, XML_interface& xi) const;
     void set_extended_parameter(const QString& key, const QVariant& value);
@@ -235,9 +241,6 @@ protected:
                                    bool by_guid, QHash<QString, int>& counters);
     template <class R>
     bool load_children_from(const QSharedPointer<Element>& self, R& r, XML_interface& xi);
-    template <class R>
-    bool load_individual_reference_from(const QSharedPointer<Element>& self, R& r, XML_interface& xi,
-                                        bool by_guid, QHash<QString, int>& counters);
 
     QWeakPointer<Element_man> m_man;
     Element* m_parent = nullptr;
