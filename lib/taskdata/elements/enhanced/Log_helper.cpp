@@ -189,52 +189,39 @@ void pick_field(T& mine, const T& theirs, Pick better)
 }
 } // namespace
 
-void Log_helper::Record::min(const Record& o)
+template <class Better>
+void Log_helper::Record::take_extremes(const Record& o, Better better)
 {
-    auto less = [](auto a, auto b) { return a < b; };
-    if (o.day < day || (o.day == day && o.time < time)) {
+    // Time and day are one moment, so a log crossing midnight keeps its real extremes.
+    if (better(o.day, day) || (o.day == day && better(o.time, time))) {
         day = o.day;
         time = o.time;
     }
-    pick_field(north, o.north, less);
-    pick_field(east, o.east, less);
-    pick_field(up, o.up, less);
-    pick_field(status, o.status, less);
-    pick_field(pdop, o.pdop, less);
-    pick_field(hdop, o.hdop, less);
-    pick_field(satellites, o.satellites, less);
-    pick_field(gps_utc_time, o.gps_utc_time, less);
-    pick_field(gps_utc_date, o.gps_utc_date, less);
+    pick_field(north, o.north, better);
+    pick_field(east, o.east, better);
+    pick_field(up, o.up, better);
+    pick_field(status, o.status, better);
+    pick_field(pdop, o.pdop, better);
+    pick_field(hdop, o.hdop, better);
+    pick_field(satellites, o.satellites, better);
+    pick_field(gps_utc_time, o.gps_utc_time, better);
+    pick_field(gps_utc_date, o.gps_utc_date, better);
     field_mask |= o.field_mask;
     for (int i = 0; i < o.m_dlvs.size(); ++i) {
         const Dlv& d = o.m_dlvs[i];
-        if (!has_dlv(d.number) || d.value < dlv(d.number))
+        if (!has_dlv(d.number) || better(d.value, dlv(d.number)))
             set_dlv(d.number, d.value);
     }
 }
 
+void Log_helper::Record::min(const Record& o)
+{
+    take_extremes(o, [](auto a, auto b) { return a < b; });
+}
+
 void Log_helper::Record::max(const Record& o)
 {
-    auto greater = [](auto a, auto b) { return a > b; };
-    if (o.day > day || (o.day == day && o.time > time)) {
-        day = o.day;
-        time = o.time;
-    }
-    pick_field(north, o.north, greater);
-    pick_field(east, o.east, greater);
-    pick_field(up, o.up, greater);
-    pick_field(status, o.status, greater);
-    pick_field(pdop, o.pdop, greater);
-    pick_field(hdop, o.hdop, greater);
-    pick_field(satellites, o.satellites, greater);
-    pick_field(gps_utc_time, o.gps_utc_time, greater);
-    pick_field(gps_utc_date, o.gps_utc_date, greater);
-    field_mask |= o.field_mask;
-    for (int i = 0; i < o.m_dlvs.size(); ++i) {
-        const Dlv& d = o.m_dlvs[i];
-        if (!has_dlv(d.number) || d.value > dlv(d.number))
-            set_dlv(d.number, d.value);
-    }
+    take_extremes(o, [](auto a, auto b) { return a > b; });
 }
 
 const QMap<quint8, qint32>& Log_helper::Record::get_dlvs() const

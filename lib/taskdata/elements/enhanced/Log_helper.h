@@ -140,6 +140,9 @@ public:
 
     private:
         int lower_bound(quint8 number) const;
+        // Keeps, field by field, the value of `o` where it is `better` (earlier moment first).
+        template <class Better>
+        void take_extremes(const Record& o, Better better);
         struct Dlv
         {
             quint8 number;
