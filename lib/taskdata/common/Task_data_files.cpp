@@ -421,7 +421,30 @@ struct Writer
     bool write_external_files(QSet<QString>& written);
     bool write_link_list(const QSharedPointer<Element>& list);
     bool write_guid_list(const QSharedPointer<Element_man>& man);
+    // One whole document `name`: `body` writes its root element, then the file is replaced.
+    template <class Body>
+    bool write_document(const QString& name, const Body& body);
 };
+
+template <class Body>
+bool Writer::write_document(const QString& name, const Body& body)
+{
+    QByteArray data;
+    {
+        QBuffer buffer(&data);
+        buffer.open(QIODevice::WriteOnly);
+        QXmlStreamWriter w(&buffer);
+        w.setAutoFormatting(true);
+        xi.write_start_document(w);
+        xi.set_cur_outfilename(name);
+        body(w);
+        xi.set_cur_outfilename(QString());
+        w.writeEndDocument();
+        if (w.hasError())
+            xi.set_fail(tr("Write error on %1").arg(xi.outfilepath(name)));
+    }
+    return xi.ok() && write_whole(xi, name, data);
+}
 
 bool Writer::write_main(QByteArray& out)
 {
@@ -491,25 +514,14 @@ bool Writer::write_external_files(QSet<QString>& written)
         if (members.isEmpty())
             continue;
         const QString name = output_name(xi, base + QStringLiteral(".XML"), source_dir);
-        QByteArray data;
-        {
-            QBuffer buffer(&data);
-            buffer.open(QIODevice::WriteOnly);
-            QXmlStreamWriter w(&buffer);
-            w.setAutoFormatting(true);
-            xi.write_start_document(w);
+        const bool ok = write_document(name, [&](QXmlStreamWriter& w) {
             w.writeStartElement(xfc_tag);
-            xi.set_cur_outfilename(name);
             for (const auto& c : members)
                 if (!c->save_xml(c, w, xi))
                     break;
-            xi.set_cur_outfilename(QString());
             w.writeEndElement();
-            w.writeEndDocument();
-            if (w.hasError())
-                xi.set_fail(tr("Write error on %1").arg(xi.outfilepath(name)));
-        }
-        if (!xi.ok() || !write_whole(xi, name, data))
+        });
+        if (!ok)
             return false;
         written.insert(name.toUpper());
     }
@@ -518,22 +530,8 @@ bool Writer::write_external_files(QSet<QString>& written)
 
 bool Writer::write_link_list(const QSharedPointer<Element>& list)
 {
-    const QString name = output_name(xi, link_list_name);
-    QByteArray data;
-    {
-        QBuffer buffer(&data);
-        buffer.open(QIODevice::WriteOnly);
-        QXmlStreamWriter w(&buffer);
-        w.setAutoFormatting(true);
-        xi.write_start_document(w);
-        xi.set_cur_outfilename(name);
-        list->save_xml(list, w, xi);
-        xi.set_cur_outfilename(QString());
-        w.writeEndDocument();
-        if (w.hasError())
-            xi.set_fail(tr("Write error on %1").arg(xi.outfilepath(name)));
-    }
-    return xi.ok() && write_whole(xi, name, data);
+    return write_document(output_name(xi, link_list_name),
+                          [&](QXmlStreamWriter& w) { list->save_xml(list, w, xi); });
 }
 
 bool Writer::write_guid_list(const QSharedPointer<Element_man>& man)
@@ -541,14 +539,7 @@ bool Writer::write_guid_list(const QSharedPointer<Element_man>& man)
     const QVector<Element_man::Guid_entry> entries = man->guid_entries();
     if (entries.isEmpty())
         return true;
-    const QString name = output_name(xi, guid_list_name);
-    QByteArray data;
-    {
-        QBuffer buffer(&data);
-        buffer.open(QIODevice::WriteOnly);
-        QXmlStreamWriter w(&buffer);
-        w.setAutoFormatting(true);
-        xi.write_start_document(w);
+    return write_document(output_name(xi, guid_list_name), [&](QXmlStreamWriter& w) {
         w.writeStartElement(guid_list_root);
         for (const Element_man::Guid_entry& e : entries) {
             w.writeEmptyElement(QStringLiteral("GUID"));
@@ -556,9 +547,7 @@ bool Writer::write_guid_list(const QSharedPointer<Element_man>& man)
             w.writeAttribute(QStringLiteral("GUID"), e.guid.toString(QUuid::WithBraces));
         }
         w.writeEndElement();
-        w.writeEndDocument();
-    }
-    return write_whole(xi, name, data);
+    });
 }
 
 // Whether writing the tree with an older format version keeps every value: an attribute or a
