@@ -435,13 +435,20 @@ void Tst_taskdata_tool::check_faults_data()
     QTest::newRow("grid without file") << document(4, grid) << QVariantMap{}
                                        << QStringList{"missing_file TSK1/GRD[1] G"};
     const QByteArray tlg = "<TSK A=\"TSK1\" G=\"1\"><TLG A=\"TLG00001\" C=\"1\"/></TSK>\n";
-    QTest::newRow("time log complete") << document(4, tlg) << QVariantMap{{"TLG00001.BIN", 10}, {"TLG00001.XML", 0}}
+    // The header gives records of 7 bytes (time, date, value count); timelog refuses the rest.
+    QTest::newRow("time log complete") << document(4, tlg) << QVariantMap{{"TLG00001.BIN", 14}, {"TLG00001.XML", 0}}
                                        << QStringList{};
-    QTest::newRow("time log header missing") << document(4, tlg) << QVariantMap{{"TLG00001.BIN", 10}}
+    QTest::newRow("time log cut mid-record") << document(4, tlg)
+                                             << QVariantMap{{"TLG00001.BIN", 10}, {"TLG00001.XML", 0}}
+                                             << QStringList{"time_log TSK1/TLG00001 A"};
+    QTest::newRow("time log header and binary empty")
+        << document(4, tlg) << QVariantMap{{"TLG00001.BIN", 0}, {"TLG00001.XML", -1}}
+        << QStringList{"time_log TSK1/TLG00001 A"};
+    QTest::newRow("time log header missing") << document(4, tlg) << QVariantMap{{"TLG00001.BIN", 14}}
                                              << QStringList{"missing_file TSK1/TLG00001 A"};
     QTest::newRow("time log length differs")
-        << document(4, "<TSK A=\"TSK1\" G=\"1\"><TLG A=\"TLG00001\" B=\"11\" C=\"1\"/></TSK>\n")
-        << QVariantMap{{"TLG00001.BIN", 10}, {"TLG00001.XML", 0}} << QStringList{"file_size TSK1/TLG00001 A"};
+        << document(4, "<TSK A=\"TSK1\" G=\"1\"><TLG A=\"TLG00001\" B=\"15\" C=\"1\"/></TSK>\n")
+        << QVariantMap{{"TLG00001.BIN", 14}, {"TLG00001.XML", 0}} << QStringList{"file_size TSK1/TLG00001 A"};
     // The library names the files after the number: TLG1 becomes TLG00001, whose files are absent.
     QTest::newRow("time log name short")
         << document(4, "<TSK A=\"TSK1\" G=\"1\"><TLG A=\"TLG1\" C=\"1\"/></TSK>\n")
@@ -462,9 +469,10 @@ void Tst_taskdata_tool::check_faults()
     QVERIFY(dir.isValid());
     QVERIFY(write_file(dir.filePath("TASKDATA.XML"), xml));
     for (auto it = files.constBegin(); it != files.constEnd(); ++it) {
-        // Time log headers are read as such: give them a minimal valid one.
-        const QByteArray data = it.key().endsWith(".XML") ? QByteArray(xml_head) + "<TIM A=\"\" D=\"4\"/>\n"
-                                                          : QByteArray(it.value().toInt(), '\0');
+        // Time log headers are read as such: give them a minimal valid one (-1: an empty file).
+        const QByteArray data = !it.key().endsWith(".XML") ? QByteArray(it.value().toInt(), '\0')
+                                : it.value().toInt() < 0   ? QByteArray()
+                                                           : QByteArray(xml_head) + "<TIM A=\"\" D=\"4\"/>\n";
         QVERIFY(write_file(dir.filePath(it.key()), data));
     }
     int code = -1;

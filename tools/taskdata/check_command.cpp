@@ -3,6 +3,13 @@
 
 #include "tool_support.h"
 
+#if defined(KTD_HAVE_TIMELOG_COMMAND) && __has_include("timelog_command.h")
+#include "timelog_command.h"
+#define KTD_CHECK_TIME_LOGS 1
+#endif
+
+#include <taskdata/common/Symlink_policy.h>
+
 #include <platform/iso/Time_source.h>
 
 #include <QFile>
@@ -17,6 +24,7 @@
 using namespace Taskdata_tool;
 using namespace TC::Task_data::Elements::Base;
 using namespace TC::Task_data::Attributes::Base;
+using TC::Task_data::Symlink_policy;
 
 namespace {
 
@@ -481,7 +489,12 @@ private:
 
 qint64 file_size(const QString& path) { return QFileInfo(path).size(); }
 
-void check_file(const Loaded_dir& d, QVector<Problem>& problems, const Element* e, const QString& attribute,
+// Expected sizes that do not fit in 64 bits: more than any file can hold.
+constexpr qint64 size_overflow = -2;
+
+// Whether the file can be read as it is: false (and reported) when it is missing, a symbolic
+// link that is not followed, or not of the size the data gives it.
+bool check_file(const Loaded_dir& d, QVector<Problem>& problems, const Element* e, const QString& attribute,
                 const QString& name, const QString& what, qint64 length_attribute, qint64 expected_size,
                 const QString& expected_why)
 {
@@ -489,9 +502,15 @@ void check_file(const Loaded_dir& d, QVector<Problem>& problems, const Element* 
     if (path.isEmpty()) {
         problems.append({QStringLiteral("missing_file"), element_path(e), attribute, QString(), 0,
                          QStringLiteral("%1 %2 not found").arg(what, name)});
-        return;
+        return false;
+    }
+    if (Symlink_policy::refuses(path)) {
+        problems.append({QStringLiteral("symlink"), element_path(e), attribute, QString(), 0,
+                         Symlink_policy::message(QFileInfo(path).fileName())});
+        return false;
     }
     const qint64 size = file_size(path);
+    const int before = problems.size();
     if (length_attribute >= 0 && length_attribute != size)
         problems.append({QStringLiteral("file_size"), element_path(e), attribute, QString(), 0,
                          QStringLiteral("%1 has %2 bytes but the element gives its length as %3")
@@ -505,6 +524,20 @@ void check_file(const Loaded_dir& d, QVector<Problem>& problems, const Element* 
                              .arg(size)
                              .arg(expected_why)
                              .arg(expected_size)});
+    if (expected_size == size_overflow)
+        problems.append({QStringLiteral("file_size"), element_path(e), attribute, QString(), 0,
+                         QStringLiteral("%1 has %2 bytes; %3 need more than a file can hold")
+                             .arg(QFileInfo(path).fileName())
+                             .arg(size)
+                             .arg(expected_why)});
+    return problems.size() == before;
+}
+
+// a x b, or size_overflow when that does not fit.
+qint64 product(qint64 a, qint64 b)
+{
+    qint64 out;
+    return a < 0 || b < 0 || __builtin_mul_overflow(a, b, &out) ? size_overflow : out;
 }
 
 // The length attribute when the file gave one (-1 otherwise).
@@ -549,7 +582,8 @@ void check_tree(const Loaded_dir& d, QVector<Problem>& problems)
             const QString name = g->filename.get_string();
             if (name.isEmpty())
                 return;
-            const qint64 cells = qint64(g->ncells_east.get_val()) * qint64(g->ncells_north.get_val());
+            // Sizes in 64 bits with overflow checked: two 32-bit dimensions may not fit even there.
+            const qint64 cells = product(qint64(g->ncells_east.get_val()), qint64(g->ncells_north.get_val()));
             qint64 expected = -1;
             QString why;
             if (g->gridtype.get_val() == 1) {
@@ -562,7 +596,7 @@ void check_tree(const Loaded_dir& d, QVector<Problem>& problems)
                         auto z = task->treatment_zones.typed_at(i);
                         if (z->code.get_val() == g->treatment_zone_code.get_val()) {
                             const int n = z->process_data_variables.count();
-                            expected = cells * 4 * n;
+                            expected = product(cells, product(4, n));
                             why = QStringLiteral("%1 x %2 cells of %3 values")
                                       .arg(g->ncells_east.get_val())
                                       .arg(g->ncells_north.get_val())
@@ -578,10 +612,17 @@ void check_tree(const Loaded_dir& d, QVector<Problem>& problems)
             if (t->filename.get_val() == 0)
                 return;
             const QString base = t->filename.get_as_string();
-            check_file(d, problems, t.data(), QStringLiteral("A"), base + QStringLiteral(".BIN"),
-                       QStringLiteral("time log data"), given_length(t->filelength), -1, QString());
-            check_file(d, problems, t.data(), QStringLiteral("A"), base + QStringLiteral(".XML"),
-                       QStringLiteral("time log header"), -1, -1, QString());
+            const bool binary = check_file(d, problems, t.data(), QStringLiteral("A"), base + QStringLiteral(".BIN"),
+                                           QStringLiteral("time log data"), given_length(t->filelength), -1, QString());
+            const bool header = check_file(d, problems, t.data(), QStringLiteral("A"), base + QStringLiteral(".XML"),
+                                           QStringLiteral("time log header"), -1, -1, QString());
+#ifdef KTD_CHECK_TIME_LOGS
+            // Whatever `taskdata timelog` would refuse, in its words.
+            if (binary && header)
+                for (const QString& why : time_log_problems(t))
+                    problems.append({QStringLiteral("time_log"), element_path(t.data()), QStringLiteral("A"), QString(), 0,
+                                     QStringLiteral("time log %1 cannot be decoded: %2").arg(base, why)});
+#endif
         } else if (auto p = e.dynamicCast<Point>()) {
             const QString name = p->filename.get_string();
             if (!name.isEmpty())

@@ -13,6 +13,10 @@
 #define KTD_TIMELOG_AVAILABLE 1
 #endif
 
+#include <taskdata/common/Symlink_policy.h>
+
+#include <platform/util/Trace_print.h>
+
 #include <QCoreApplication>
 #include <QFile>
 #include <QTextStream>
@@ -43,13 +47,21 @@ void print_help(QTextStream& s)
          "\n"
          "DIR is a task data directory or its main file; file names are found regardless of case.\n"
          "\n"
+         "options of every command:\n"
+         "  --verbose          also print the library's trace lines (load and save timings, file lookups)\n"
+         "  --follow-symlinks  follow files of DIR that are symbolic links (by default they are\n"
+         "                     reported and left out: a link could reach any file you can read)\n"
+         "\n"
          "exit codes:\n"
          "  0  done; check found nothing\n"
          "  1  check found problems; ddi matched nothing; timelog could not decode a time log\n"
          "  2  bad usage, or the input directory cannot be loaded (timelog: also the CSV file\n"
          "     cannot be written)\n"
-         "  3  the output directory could not be written (convert, generate)\n"
-         "Diagnostics of the library are printed on standard error; KTD_DEBUG adds more.\n";
+         "  3  the output could not be written: the output directory (convert, generate), or\n"
+         "     standard output of any command\n"
+         "Warnings and errors are printed on standard error; --verbose and KTD_DEBUG add more.\n"
+         "A progress line is shown on standard error while convert, generate and timelog --csv\n"
+         "work, when standard error is a terminal.\n";
 }
 
 int run(const QString& command, const QStringList& rest, QTextStream& out, QTextStream& err)
@@ -99,7 +111,18 @@ int main(int argc, char** argv)
     out.setCodec("UTF-8");
     err.setCodec("UTF-8");
 
-    const QStringList args = app.arguments().mid(1);
+    // Options every command takes; a "--" ends the options.
+    QStringList args = app.arguments().mid(1);
+    const int end_of_options = args.indexOf(QStringLiteral("--"));
+    auto take_flag = [&](const QString& flag) {
+        const int i = args.indexOf(flag);
+        if (i < 0 || (end_of_options >= 0 && i > end_of_options))
+            return false;
+        args.removeAt(i);
+        return true;
+    };
+    Trace_print::set_enabled(take_flag(QStringLiteral("--verbose")));
+    TC::Task_data::Symlink_policy::set_followed(take_flag(QStringLiteral("--follow-symlinks")));
     int code = Taskdata_tool::exit_ok;
     if (args.isEmpty()) {
         print_help(err);
@@ -115,6 +138,12 @@ int main(int argc, char** argv)
         code = run(args.first(), args.mid(1), out, err);
     }
     out.flush();
+    // A full disk or a closed pipe behind standard output: the results are lost, say so.
+    if (!result_file.flush() || result_file.error() != QFileDevice::NoError) {
+        err << "taskdata: cannot write the output: " << result_file.errorString() << '\n';
+        if (code == Taskdata_tool::exit_ok || code == Taskdata_tool::exit_problems)
+            code = Taskdata_tool::exit_write_failed;
+    }
     err.flush();
     return code;
 }

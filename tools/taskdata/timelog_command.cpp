@@ -1,6 +1,8 @@
 // Implementation of `taskdata timelog`; see timelog_command.h.
 #include "timelog_command.h"
 
+#include "tool_support.h"
+
 #include <taskdata/common/DDI_strings.h>
 #include <taskdata/common/DDI_table.h>
 #include <taskdata/common/XML_interface.h>
@@ -10,7 +12,6 @@
 
 #include <QDir>
 #include <QFileInfo>
-#include <QSaveFile>
 #include <QSet>
 
 #include <cmath>
@@ -31,7 +32,8 @@ void print_usage(QTextStream& s)
     s << "usage: taskdata timelog DIR [--tlg NAME] [--csv FILE]\n"
          "  DIR         task data directory (or its main file)\n"
          "  --tlg NAME  only the time log NAME (e.g. TLG00001)\n"
-         "  --csv FILE  write the records of the (one) selected time log as CSV\n"
+         "  --csv FILE  write the records of the (one) selected time log as CSV (\"-\": standard\n"
+         "              output; a device or FIFO is written to, never replaced)\n"
          "Describes every time log of every task: the fields each record carries, each logged\n"
          "value (DDI, designator, device element), record count, first and last time and the\n"
          "bounding box of the positions.\n"
@@ -158,14 +160,32 @@ QStringList value_columns(const QVector<Log_helper::Value>& values)
     return names;
 }
 
-bool write_csv(Log_helper& h, const QString& path, QTextStream& err)
+// The words of a refused time log, shared with `taskdata check`.
+QString unreadable_text(unsigned decoded) { return QStringLiteral("record %1 is unreadable").arg(decoded); }
+QString trailing_text(qint64 bytes) { return QStringLiteral("%1 bytes after the last whole record").arg(bytes); }
+QString unknown_dlvs_text(const QStringList& unknown)
 {
-    QSaveFile f(path);
-    if (!f.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        err << "taskdata timelog: cannot write " << path << ": " << f.errorString() << '\n';
+    return QStringLiteral("DLV numbers %1 not in the header").arg(unknown.join(QStringLiteral(", ")));
+}
+
+QStringList unknown_dlvs(Log_helper& h)
+{
+    QStringList unknown;
+    for (quint8 number : h.dlvs_seen())
+        if (number >= h.values().size())
+            unknown << QString::number(number);
+    return unknown;
+}
+
+bool write_csv(Log_helper& h, const QString& path, QFile& standard_output, QTextStream& err)
+{
+    Taskdata_tool::Output_file f(path, standard_output);
+    if (!f.open()) {
+        err << "taskdata timelog: cannot write " << path << ": " << f.error() << '\n';
         return false;
     }
-    QTextStream s(&f);
+    Taskdata_tool::Progress progress(QStringLiteral("timelog"));
+    QTextStream s(f.device());
     s.setCodec("UTF-8");
     QStringList head{QStringLiteral("record")};
     if (h.time_in_record() || h.header_time_valid())
@@ -186,6 +206,8 @@ bool write_csv(Log_helper& h, const QString& path, QTextStream& err)
     for (unsigned i = 0; i < n; ++i) {
         if (!h.get_record(r, i))
             break;
+        if ((i & 4095) == 0)
+            progress.update(i, n);
         row.clear();
         row << QString::number(i);
         if (h.time_in_record() || h.header_time_valid())
@@ -200,7 +222,7 @@ bool write_csv(Log_helper& h, const QString& path, QTextStream& err)
     }
     s.flush();
     if (!f.commit()) {
-        err << "taskdata timelog: cannot write " << path << ": " << f.errorString() << '\n';
+        err << "taskdata timelog: cannot write " << path << ": " << f.error() << '\n';
         return false;
     }
     return true;
@@ -275,26 +297,45 @@ bool describe(const Selected& sel, QTextStream& out, QTextStream& err)
             << placed << " records with a position)\n";
     if (!ok) {
         out << "  cannot be decoded: record " << decoded << " of " << n << " is unreadable\n";
-        err << "taskdata timelog: " << name << ": record " << decoded << " is unreadable\n";
+        err << "taskdata timelog: " << name << ": " << unreadable_text(decoded) << '\n';
     }
     if (h.trailing_bytes() != 0) {
         ok = false;
         out << "  cannot be decoded: " << h.trailing_bytes() << " bytes after the last whole record\n";
-        err << "taskdata timelog: " << name << ": " << h.trailing_bytes() << " bytes after the last whole record\n";
+        err << "taskdata timelog: " << name << ": " << trailing_text(h.trailing_bytes()) << '\n';
     }
-    QStringList unknown;
-    for (quint8 number : h.dlvs_seen())
-        if (number >= values.size())
-            unknown << QString::number(number);
+    const QStringList unknown = unknown_dlvs(h);
     if (!unknown.isEmpty()) {
         ok = false;
         out << "  cannot be decoded: values of DLV numbers the header does not list: " << unknown.join(", ") << '\n';
-        err << "taskdata timelog: " << name << ": DLV numbers " << unknown.join(", ") << " not in the header\n";
+        err << "taskdata timelog: " << name << ": " << unknown_dlvs_text(unknown) << '\n';
     }
     return ok;
 }
 
 } // namespace
+
+QStringList time_log_problems(const QSharedPointer<Base::Time_log>& tlg)
+{
+    Log_helper h;
+    if (!h.init(tlg))
+        return {h.fail_text()};
+    QStringList problems;
+    const unsigned n = h.get_num_records();
+    Log_helper::Record r;
+    for (unsigned i = 0; i < n; ++i) {
+        if (!h.get_record(r, i)) {
+            problems << unreadable_text(i);
+            break;
+        }
+    }
+    if (h.trailing_bytes() != 0)
+        problems << trailing_text(h.trailing_bytes());
+    const QStringList unknown = unknown_dlvs(h);
+    if (!unknown.isEmpty())
+        problems << unknown_dlvs_text(unknown);
+    return problems;
+}
 
 int run_timelog_command(const QStringList& args, QTextStream& out, QTextStream& err)
 {
@@ -400,21 +441,25 @@ int run_timelog_command(const QStringList& args, QTextStream& out, QTextStream& 
         return exit_ok;
     }
 
+    // With the CSV on standard output, the description goes to standard error.
+    const bool csv_to_stdout = have_csv && csv_path == QLatin1String("-");
+    QTextStream& text = csv_to_stdout ? err : out;
     int result = exit_ok;
     for (int i = 0; i < selected.size(); ++i) {
         if (i > 0)
-            out << '\n';
-        if (!describe(selected[i], out, err))
+            text << '\n';
+        if (!describe(selected[i], text, err))
             result = exit_undecodable;
     }
     if (have_csv) {
+        text.flush();
         out.flush();
         Log_helper h;
         if (!h.init(selected.first().tlg))
             return exit_undecodable;
-        if (!write_csv(h, csv_path, err))
+        if (!write_csv(h, csv_path, *static_cast<QFile*>(out.device()), err))
             return exit_usage;
-        out << "wrote " << h.get_num_records() << " records to " << csv_path << '\n';
+        text << "wrote " << h.get_num_records() << " records to " << csv_path << '\n';
     }
     return result;
 }

@@ -2,6 +2,7 @@
 #include "tool_support.h"
 
 #include <taskdata/common/File_lookup.h>
+#include <taskdata/common/Save_transaction.h>
 #include <taskdata/elements/base/Element_list.h>
 
 #include <QDir>
@@ -9,6 +10,9 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QXmlStreamReader>
+
+#include <cstdio>
+#include <unistd.h>
 
 namespace Taskdata_tool {
 
@@ -51,7 +55,8 @@ bool load_directory(const QString& arg, Loaded_dir& out)
     out.main_file = fi.isDir() ? find_in_dir(out.dir, QStringLiteral("TASKDATA.XML")) : fi.absoluteFilePath();
     out.man = Element_man::create();
     out.man->set_task_data_dir(out.dir);
-    out.xi.reset(new XML_interface(out.dir));
+    // A main file given by name is the one read, whatever it is called.
+    out.xi.reset(new XML_interface(fi.isDir() ? out.dir : out.main_file));
     if (out.main_file.isEmpty()) {
         out.error = QStringLiteral("no TASKDATA.XML in %1").arg(out.dir);
         return false;
@@ -144,6 +149,85 @@ QString task_status_name(int status)
 void print_json(QTextStream& out, const QJsonObject& o)
 {
     out << QString::fromUtf8(QJsonDocument(o).toJson(QJsonDocument::Indented));
+}
+
+Progress::Progress(const QString& what) : m_what(what), m_terminal(::isatty(STDERR_FILENO) == 1) {}
+
+Progress::~Progress()
+{
+    if (m_shown) {
+        fputs("\r\033[K", stderr);
+        fflush(stderr);
+    }
+}
+
+void Progress::update(qint64 done, qint64 total)
+{
+    if (!m_terminal || (m_since.isValid() && m_since.elapsed() < 100))
+        return;
+    m_since.start();
+    m_shown = true;
+    const QString line = total > 0 ? QStringLiteral("\r%1: %2% (%3/%4)").arg(m_what).arg(done * 100 / total).arg(done).arg(total)
+                                   : QStringLiteral("\r%1: %2").arg(m_what).arg(done);
+    fputs(line.toUtf8().constData(), stderr);
+    fflush(stderr);
+}
+
+struct Output_file::Transaction
+{
+    TC::Task_data::Save_transaction t;
+    explicit Transaction(const QString& dir) : t(dir, TC::Task_data::Save_transaction::In_place) {}
+};
+
+Output_file::Output_file(const QString& path, QFile& standard_output) : m_path(path), m_stdout(standard_output) {}
+
+Output_file::~Output_file()
+{
+    if (m_fd >= 0 && m_t) {
+        m_file.close();
+        m_t->t.close_staged(m_fd);
+    }
+}
+
+bool Output_file::open()
+{
+    if (is_standard_output())
+        return true;
+    // Through a symbolic link the user named, the file it points at is the one written.
+    QFileInfo fi(m_path);
+    const QString path = fi.exists() ? fi.canonicalFilePath() : fi.absoluteFilePath();
+    fi = QFileInfo(path);
+    m_t.reset(new Transaction(fi.absolutePath()));
+    if (!m_t->t.begin_unlocked() || (m_fd = m_t->t.open_staged(fi.fileName())) < 0) {
+        m_error = m_t->t.error();
+        return false;
+    }
+    if (!m_file.open(m_fd, QIODevice::WriteOnly, QFileDevice::DontCloseHandle)) {
+        m_error = m_file.errorString();
+        return false;
+    }
+    return true;
+}
+
+QIODevice* Output_file::device() { return is_standard_output() ? static_cast<QIODevice*>(&m_stdout) : &m_file; }
+
+bool Output_file::commit()
+{
+    QFileDevice& f = is_standard_output() ? static_cast<QFileDevice&>(m_stdout) : m_file;
+    if (!f.flush() || f.error() != QFileDevice::NoError) {
+        m_error = f.errorString();
+        return false;
+    }
+    if (is_standard_output())
+        return true;
+    m_file.close();
+    const int fd = m_fd;
+    m_fd = -1;
+    if (!m_t->t.close_staged(fd) || !m_t->t.commit()) {
+        m_error = m_t->t.error();
+        return false;
+    }
+    return true;
 }
 
 Parsed_args parse_args(const QStringList& args, const QSet<QString>& flag_options, const QSet<QString>& value_options)

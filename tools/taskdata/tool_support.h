@@ -8,6 +8,8 @@
 #include <taskdata/elements/base/Catalogue.h>
 #include <taskdata/elements/base/Element_man.h>
 
+#include <QElapsedTimer>
+#include <QFile>
 #include <QJsonObject>
 #include <QString>
 #include <QStringList>
@@ -27,7 +29,7 @@ enum Exit_code : int {
     exit_ok = 0,
     exit_problems = 1,     // check found something, ddi found nothing
     exit_unusable = 2,     // bad usage, or the input directory cannot be loaded
-    exit_write_failed = 3, // the output directory could not be written
+    exit_write_failed = 3, // the output (a directory, a file, standard output) could not be written
 };
 
 // The root attributes of the main file as written there. The tree keeps the format version only
@@ -84,6 +86,48 @@ QString task_status_name(int status);
 
 // Prints a JSON document (indented) on the stream.
 void print_json(QTextStream& out, const QJsonObject& o);
+
+// A progress line on standard error ("\rconvert: 45% (1234/5678)"), shown only when standard
+// error is a terminal and at most ten times a second; the line is cleared when done.
+class Progress
+{
+public:
+    explicit Progress(const QString& what);
+    ~Progress();
+    void update(qint64 done, qint64 total);
+
+private:
+    QString m_what;
+    bool m_shown = false;
+    bool m_terminal = false;
+    QElapsedTimer m_since;
+};
+
+// A result file a command writes. "-" is standard output; an existing device or FIFO is
+// written to directly; a regular file (or none yet) is written under a temporary name and
+// replaces the old one only when all of it is written, so a failure leaves the old file.
+class Output_file
+{
+public:
+    Output_file(const QString& path, QFile& standard_output);
+    ~Output_file();
+    // False with error() when the file cannot be created.
+    bool open();
+    QIODevice* device();
+    // Flushes, syncs and puts the file in place; false with error() when any write failed.
+    bool commit();
+    QString error() const { return m_error; }
+    bool is_standard_output() const { return m_path == QLatin1String("-"); }
+
+private:
+    QString m_path;
+    QFile& m_stdout;
+    QFile m_file;
+    struct Transaction;
+    std::unique_ptr<Transaction> m_t;
+    int m_fd = -1;
+    QString m_error;
+};
 
 // Splits "--name=value" and "--name value" options. Unknown options and missing values end in
 // an error text.

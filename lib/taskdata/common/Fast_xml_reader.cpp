@@ -3,8 +3,11 @@
 #include "XML_interface.h"
 
 #include <QCoreApplication>
+#include <QSet>
 
 #include <cstring>
+#include <string_view>
+#include <unordered_set>
 
 namespace TC {
 namespace Task_data {
@@ -77,6 +80,22 @@ bool decode_utf8(const uchar*& p, const uchar* end, char32_t& cp)
     return true;
 }
 
+const uchar* first_invalid_utf8(const uchar* p, const uchar* end)
+{
+    while (p < end) {
+        if (*p < 0x80) {
+            ++p;
+            continue;
+        }
+        char32_t cp;
+        const uchar* q = p;
+        if (!decode_utf8(q, end, cp))
+            return p;
+        p = q;
+    }
+    return nullptr;
+}
+
 bool starts(const uchar* p, const uchar* end, const char* s)
 {
     const size_t n = std::strlen(s);
@@ -120,8 +139,10 @@ bool Fast_xml_reader::open_file(const QString& path)
 
 QXmlStreamReader::TokenType Fast_xml_reader::error(const char* why)
 {
+    m_max_attributes = qMax(m_max_attributes, m_attrs.size() + m_ns.size());
     if (!m_error) {
         m_error = true;
+        m_error_reason = why;
         m_error_text = QStringLiteral("%1 at byte %2").arg(QLatin1String(why)).arg(qint64(m_pos - m_begin));
     }
     m_attrs.clear();
@@ -507,6 +528,7 @@ QXmlStreamReader::TokenType Fast_xml_reader::read_start_tag()
     if (!scan_name(p, m_name_off, m_name_len))
         return error("bad element name");
     const int raw_len = int(p - m_begin) - raw_off;
+    std::unordered_set<std::string_view> names;
     for (;;) {
         const bool ws = skip_ws(p);
         if (p >= m_end)
@@ -550,12 +572,23 @@ QXmlStreamReader::TokenType Fast_xml_reader::read_start_tag()
         const bool declaration = a.prefix_raw_len == 5 && std::memcmp(m_begin + a.raw_off, "xmlns", 5) == 0;
         if (a.prefix_raw_off < 0 && a.raw_len == 5 && std::memcmp(m_begin + a.raw_off, "xmlns", 5) == 0)
             return error("default namespace declaration");
-        for (const Attr& b : m_attrs)
-            if (b.raw_len == a.raw_len && std::memcmp(m_begin + a.raw_off, m_begin + b.raw_off, size_t(a.raw_len)) == 0)
+        // Compared pairwise while few, by hash beyond: one start tag may carry a million.
+        const std::string_view raw(reinterpret_cast<const char*>(m_begin + a.raw_off), size_t(a.raw_len));
+        if (m_attrs.size() + m_ns.size() < 16) {
+            for (const Attr& b : m_attrs)
+                if (b.raw_len == a.raw_len && std::memcmp(m_begin + a.raw_off, m_begin + b.raw_off, size_t(a.raw_len)) == 0)
+                    return error("duplicate attribute");
+            for (const Attr& b : m_ns)
+                if (b.raw_len == a.raw_len && std::memcmp(m_begin + a.raw_off, m_begin + b.raw_off, size_t(a.raw_len)) == 0)
+                    return error("duplicate attribute");
+        } else {
+            if (names.empty())
+                for (const QVector<Attr>* list : {&m_attrs, &m_ns})
+                    for (const Attr& b : *list)
+                        names.insert(std::string_view(reinterpret_cast<const char*>(m_begin + b.raw_off), size_t(b.raw_len)));
+            if (!names.insert(raw).second)
                 return error("duplicate attribute");
-        for (const Attr& b : m_ns)
-            if (b.raw_len == a.raw_len && std::memcmp(m_begin + a.raw_off, m_begin + b.raw_off, size_t(a.raw_len)) == 0)
-                return error("duplicate attribute");
+        }
         skip_ws(p);
         if (p >= m_end || *p != '=')
             return error("expected '='");
@@ -578,17 +611,25 @@ QXmlStreamReader::TokenType Fast_xml_reader::read_start_tag()
             m_attrs.append(a);
         }
     }
+    bool prefixed = false;
     for (int i = 0; i < m_attrs.size(); ++i) {
         const Attr& a = m_attrs[i];
         if (a.prefix_raw_off < 0)
             continue;
+        prefixed = true;
         if (namespace_of(a).isNull())
             return error("undeclared namespace prefix");
-        // The same local name twice is left to QXmlStreamReader, which compares namespaces.
-        for (int j = 0; j < m_attrs.size(); ++j)
-            if (j != i && attribute_name(j) == attribute_name(i))
-                return error("local name twice");
     }
+    if (prefixed) {
+        // The same local name twice is left to QXmlStreamReader, which compares namespaces.
+        QSet<QStringView> local;
+        for (int i = 0; i < m_attrs.size(); ++i)
+            if (local.contains(attribute_name(i)))
+                return error("local name twice");
+            else
+                local.insert(attribute_name(i));
+    }
+    m_max_attributes = qMax(m_max_attributes, m_attrs.size() + m_ns.size());
     m_pos = p;
     m_root_seen = true;
     m_stack.append(qMakePair(raw_off, raw_len));
@@ -719,6 +760,30 @@ void Fast_xml_reader::fail(XML_interface& xi, const QString& path) const
     xi.set_fail(QCoreApplication::translate("XML_interface", "Error \"%1\" in %2").arg(m_error_text, path));
 }
 
+Xml_error_hint Fast_xml_reader::hint_at(Xml_error_hint::Kind kind, const uchar* at, const QString& reason) const
+{
+    Xml_error_hint h;
+    h.kind = kind;
+    h.reason = reason;
+    h.line = 1;
+    const uchar* line_start = m_begin;
+    for (const uchar* p = m_begin; p < at; ++p) {
+        if ((*p & 0xC0) != 0x80)
+            ++h.offset;
+        if (*p == '\n') {
+            ++h.line;
+            line_start = p + 1;
+        }
+    }
+    // Counted as QXmlStreamReader counts: the offending character is included.
+    ++h.offset;
+    h.column = 1;
+    for (const uchar* p = line_start; p < at; ++p)
+        if ((*p & 0xC0) != 0x80)
+            ++h.column;
+    return h;
+}
+
 bool Fast_xml_reader::prescan() const
 {
     Fast_xml_reader probe;
@@ -727,10 +792,36 @@ bool Fast_xml_reader::prescan() const
     probe.m_end = m_end;
     while (!probe.atEnd())
         probe.readNext();
-    return !probe.hasError();
+    m_hint = Xml_error_hint();
+    if (!probe.hasError())
+        return true;
+    if (probe.m_max_attributes > max_attributes_for_fallback)
+        m_hint = hint_at(Xml_error_hint::too_many_attributes, probe.m_pos, QLatin1String(probe.m_error_reason));
+    else if (const uchar* bad = first_invalid_utf8(m_begin, m_end))
+        m_hint = hint_at(Xml_error_hint::encoding, bad, QStringLiteral("bad UTF-8"));
+    else if (probe.m_root_seen && probe.m_stack.isEmpty())
+        m_hint = hint_at(Xml_error_hint::after_root, probe.m_pos, QLatin1String(probe.m_error_reason));
+    return false;
 }
 
-void Qt_xml_source::fail(XML_interface& xi, const QString& path) const { xi.set_fail(path, m_r); }
+void fail_with_hint(XML_interface& xi, const QString& path, const Xml_error_hint& hint)
+{
+    xi.set_fail_at(path, hint.reason, hint.line, hint.column, hint.offset);
+}
+
+void Qt_xml_source::fail(XML_interface& xi, const QString& path) const
+{
+    const QString error = m_r.errorString();
+    const bool placed =
+        (m_hint.kind == Xml_error_hint::encoding &&
+         error == QCoreApplication::translate("QXmlStream", "Encountered incorrectly encoded content.")) ||
+        (m_hint.kind == Xml_error_hint::after_root &&
+         error == QCoreApplication::translate("QXmlStream", "Extra content at end of document."));
+    if (placed)
+        xi.set_fail_at(path, error, m_hint.line, m_hint.column, m_hint.offset);
+    else
+        xi.set_fail(path, m_r);
+}
 
 } // namespace Task_data
 } // namespace TC

@@ -21,6 +21,7 @@
 #include <QXmlStreamReader>
 #include <QXmlStreamWriter>
 
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -28,6 +29,17 @@ namespace TC {
 namespace Task_data {
 
 class XML_interface;
+
+// Where a file that failed the fast reader's prescan goes wrong, for the faults whose position
+// QXmlStreamReader reports badly: it decodes ahead in blocks, so an encoding error is placed at
+// the start of a block, and extra content after the root at the end of that content.
+struct Xml_error_hint
+{
+    enum Kind { none, encoding, after_root, too_many_attributes };
+    Kind kind = none;
+    qint64 line = 0, column = 0, offset = 0; // 1-based line and column; offset in characters
+    QString reason;                          // the fast reader's words
+};
 
 class KTD_EXPORT Fast_xml_reader
 {
@@ -48,11 +60,18 @@ public:
     // Callers decide with it, before touching any tree, which reader reads a file: a tree read
     // by the fast reader then ends exactly as one read by QXmlStreamReader.
     bool prescan() const;
+    // After a failed prescan(): where it failed, for the faults Xml_error_hint names.
+    const Xml_error_hint& prescan_hint() const { return m_hint; }
+    // QXmlStreamReader compares every attribute of a start tag with every other one: a start
+    // tag with more than this many would take it minutes or hours.
+    static constexpr int max_attributes_for_fallback = 4096;
 
     TokenType readNext();
     TokenType tokenType() const { return m_token; }
     bool atEnd() const { return m_error || m_token == QXmlStreamReader::EndDocument; }
     bool hasError() const { return m_error; }
+    // The input ended before a root element was complete (an empty file among them).
+    bool premature_end() const { return m_error && std::strcmp(m_error_reason, "premature end of document") == 0; }
     // Why the reader stopped: for diagnostics only, the user sees QXmlStreamReader's text.
     QString errorString() const { return m_error_text; }
     void skipCurrentElement();
@@ -115,6 +134,10 @@ private:
     bool m_whitespace = false;
     bool m_pi_data = false;
     QString m_error_text;
+    const char* m_error_reason = "";
+    int m_max_attributes = 0;
+    mutable Xml_error_hint m_hint;
+    Xml_error_hint hint_at(Xml_error_hint::Kind kind, const uchar* at, const QString& reason) const;
 
     // Decoded names, values and text of the current token; views index into it.
     std::vector<QChar> m_buf;
@@ -145,6 +168,7 @@ public:
     TokenType tokenType() const { return m_r.tokenType(); }
     bool atEnd() const { return m_r.atEnd(); }
     bool hasError() const { return m_r.hasError(); }
+    bool premature_end() const { return m_r.error() == QXmlStreamReader::PrematureEndOfDocumentError; }
     void skipCurrentElement()
     {
         m_have_attrs = false;
@@ -168,7 +192,10 @@ public:
     }
     QXmlStreamReader& native() { return m_r; }
     void write_current_token(QXmlStreamWriter& w) const { w.writeCurrentToken(m_r); }
+    // Fails `xi` with QXmlStreamReader's error text, placed where the hint says when the hint
+    // is about that error.
     void fail(XML_interface& xi, const QString& path) const;
+    void set_hint(const Xml_error_hint& hint) { m_hint = hint; }
 
 private:
     const QXmlStreamAttributes& attrs() const
@@ -182,6 +209,7 @@ private:
     QXmlStreamReader& m_r;
     mutable QXmlStreamAttributes m_attrs;
     mutable bool m_have_attrs = false;
+    Xml_error_hint m_hint;
 };
 
 // A file opened for one of the two readers: the templated readers open individual and external
@@ -214,23 +242,45 @@ struct Xml_file<Qt_xml_source>
     Qt_xml_source& source() { return src; }
 };
 
+// Reads what follows the root element: comments, processing instructions and white space are
+// all it may hold. False (and `xi` failed) for anything else and for any other error.
+template <class R>
+bool finish_document(R& r, XML_interface& xi, const QString& path)
+{
+    while (!r.atEnd())
+        r.readNext();
+    if (!r.hasError())
+        return true;
+    r.fail(xi, path);
+    return false;
+}
+
+// Fails `xi` with the fast reader's own words for a file QXmlStreamReader is not given.
+KTD_EXPORT void fail_with_hint(XML_interface& xi, const QString& path, const Xml_error_hint& hint);
+
 // Opens the file and calls body(reader) with a Fast_xml_reader when the file passes prescan(),
-// else with a Qt_xml_source, and returns its result; `opened` false (and false returned) when
-// the file cannot be opened.
+// else with a Qt_xml_source, and returns its result, which is false too when anything but
+// comments and white space follows the root element (`xi` failed then); `opened` false (and
+// false returned) when the file cannot be opened.
 template <class F>
-bool read_xml_file(const QString& path, bool& opened, F&& body)
+bool read_xml_file(const QString& path, bool& opened, XML_interface& xi, F&& body)
 {
     Xml_file<Fast_xml_reader> fast;
     opened = fast.open(path);
     if (!opened)
         return false;
     if (fast.reader.prescan())
-        return body(fast.reader);
+        return body(fast.reader) && finish_document(fast.reader, xi, path);
+    if (fast.reader.prescan_hint().kind == Xml_error_hint::too_many_attributes) {
+        fail_with_hint(xi, path, fast.reader.prescan_hint());
+        return false;
+    }
     Xml_file<Qt_xml_source> slow;
     opened = slow.open(path);
     if (!opened)
         return false;
-    return body(slow.source());
+    slow.src.set_hint(fast.reader.prescan_hint());
+    return body(slow.source()) && finish_document(slow.source(), xi, path);
 }
 
 } // namespace Task_data

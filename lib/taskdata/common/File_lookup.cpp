@@ -1,5 +1,7 @@
 #include "File_lookup.h"
 
+#include <platform/util/Trace_print.h>
+
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
@@ -30,8 +32,8 @@ File_lookup::Result File_lookup::choose(const QString& dir, const QString& name,
     if (hits.size() == 1) {
         r.path = hits.first().absoluteFilePath();
         if (hits.first().fileName() != name && !quiet)
-            fprintf(stderr, "Only found file %s using entrylist: %s\n", name.toUtf8().constData(),
-                    r.path.toUtf8().constData());
+            Trace_print::print("Only found file %s using entrylist: %s\n", name.toUtf8().constData(),
+                               r.path.toUtf8().constData());
         return r;
     }
     QFileInfo newest = hits.first();

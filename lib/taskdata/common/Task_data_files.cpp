@@ -2,7 +2,11 @@
 
 #include "Fast_xml_reader.h"
 #include "File_lookup.h"
+#include "Save_transaction.h"
+#include "Symlink_policy.h"
 #include "XML_interface.h"
+
+#include <platform/util/Trace_print.h>
 
 #include <taskdata/elements/base/Catalogue.h>
 #include <taskdata/elements/base/Element_man.h>
@@ -199,7 +203,7 @@ bool Reader::read_external(const QSharedPointer<Element>& reference)
     if (path.isEmpty())
         return true;
     bool opened = false;
-    const bool ok = read_xml_file(path, opened, [&](auto& r) {
+    const bool ok = read_xml_file(path, opened, xi, [&](auto& r) {
         while (!r.atEnd() && r.readNext() != QXmlStreamReader::StartElement) {
         }
         if (r.tokenType() != QXmlStreamReader::StartElement) {
@@ -301,7 +305,7 @@ bool read_optional_list(XML_interface& xi, const QSharedPointer<Element_man>& ma
     if (path.isEmpty())
         return true;
     bool opened = false;
-    const bool ok = read_xml_file(path, opened, [&](auto& r) {
+    const bool ok = read_xml_file(path, opened, xi, [&](auto& r) {
         return name == link_list_name ? read_link_list_from(xi, man, path, r) : read_guid_list_from(xi, man, path, r);
     });
     if (!opened) {
@@ -320,7 +324,12 @@ bool read_document(XML_interface& xi, const QSharedPointer<Element_man>& man, co
     while (!r.atEnd() && r.readNext() != QXmlStreamReader::StartElement) {
     }
     if (r.tokenType() != QXmlStreamReader::StartElement) {
-        xi.set_fail(tr("Could not find start tag"));
+        // A file without any element says so; one that breaks off in the middle of markup, or
+        // holds bytes that are not UTF-8, says where.
+        if (r.hasError() && !r.premature_end())
+            r.fail(xi, main_path);
+        else
+            xi.set_fail(tr("Could not find start tag"));
         return false;
     }
     if (r.name() != QLatin1String(Elements::Base::Task_data::static_kind().tag)) {
@@ -389,23 +398,16 @@ QString output_name(const XML_interface& xi, const QString& name, const QString&
     return existing.isEmpty() ? name : QFileInfo(existing).fileName();
 }
 
-// One whole file of the output directory, checked against what was meant to be written.
+// One whole file of the output directory, staged in the save's transaction (which checks that
+// what is on disk has the size of what was meant to be written).
 bool write_whole(XML_interface& xi, const QString& name, const QByteArray& data)
 {
-    const QString path = xi.outfilepath(name);
     QString error;
-    if (!xi.write_file_atomic(path, data, &error)) {
+    if (!xi.write_file_atomic(xi.outfilepath(name), data, &error)) {
         xi.set_fail(error);
         return false;
     }
-    const qint64 size = QFileInfo(path).size();
-    if (size != data.size()) {
-        fprintf(stderr, "File size does not match %s/%s %d %d\n", xi.output_dir().toUtf8().constData(),
-                name.toUtf8().constData(), int(size), int(data.size()));
-        xi.set_fail(tr("File size does not match %1/%2 %3 %4").arg(xi.output_dir(), name).arg(size).arg(data.size()));
-        return false;
-    }
-    xi.note_used_file(QFileInfo(path).fileName());
+    xi.note_used_file(QFileInfo(xi.outfilepath(name)).fileName());
     return true;
 }
 
@@ -617,16 +619,21 @@ bool copy_referenced_files(XML_interface& xi, const QSharedPointer<Element>& roo
             xi.add_warning(found.message);
             continue;
         }
-        QFile in(found.path);
-        if (!in.open(QIODevice::ReadOnly)) {
-            xi.add_warning(tr("Could not open %1").arg(found.path));
+        // A link in a set from outside could publish any file the user can read.
+        QString refused;
+        if (Symlink_policy::refuses(found.path, &refused)) {
+            xi.add_warning(refused);
             continue;
         }
-        const QByteArray data = in.readAll();
         const QString existing = File_lookup::find(xi.output_dir(), f.name, true).path;
         const QString name = existing.isEmpty() ? QFileInfo(found.path).fileName() : QFileInfo(existing).fileName();
-        if (!xi.write_file(name, data))
+        QString error;
+        if (!xi.copy_file(name, found.path, &error)) {
+            fprintf(stderr, "Could not save attached file %s to %s\n", name.toUtf8().constData(),
+                    xi.output_dir().toUtf8().constData());
+            xi.set_fail(error);
             return false;
+        }
     }
     return true;
 }
@@ -746,9 +753,8 @@ bool Task_data_files::load(XML_interface& xi, const QSharedPointer<Element_man>&
     const QString main_name = xi.main_outfilename();
     QString main_path;
     auto finish = [&](bool ok) {
-        fprintf(stderr, "XML_LOAD_NEW %dms ok=%d file=%s\n", int(timer.elapsed()), int(ok && xi.ok()),
-               (main_path.isEmpty() ? QDir(dir).filePath(main_name) : main_path).toUtf8().constData());
-        fflush(stdout);
+        Trace_print::print("XML_LOAD_NEW %dms ok=%d file=%s\n", int(timer.elapsed()), int(ok && xi.ok()),
+                           (main_path.isEmpty() ? QDir(dir).filePath(main_name) : main_path).toUtf8().constData());
         return ok && xi.ok();
     };
     if (!man) {
@@ -774,7 +780,7 @@ bool Task_data_files::load(XML_interface& xi, const QSharedPointer<Element_man>&
     const auto set_version = [&xi](int version) { xi.m_format_version = version; };
     xi.note_used_file(QFileInfo(main_path).fileName());
     bool opened = false;
-    const bool ok = read_xml_file(main_path, opened,
+    const bool ok = read_xml_file(main_path, opened, xi,
                                   [&](auto& r) { return read_document(xi, man, main_path, set_version, r); });
     if (!opened)
         xi.set_fail(tr("Could not open %1").arg(main_path));
@@ -790,9 +796,8 @@ bool Task_data_files::save(XML_interface& xi, const QSharedPointer<Element_man>&
     const QSharedPointer<Element> root = man ? man->root() : QSharedPointer<Element>();
     QString main_name = xi.main_outfilename();
     auto finish = [&](bool ok) {
-        fprintf(stderr, "XML_SAVE_OLD %dms ok=%d objs=%d/%d file=%s\n", int(timer.elapsed()), int(ok && xi.ok()),
-               xi.objects_done(), xi.total_objects(), QDir(dir).filePath(main_name).toUtf8().constData());
-        fflush(stdout);
+        Trace_print::print("XML_SAVE_OLD %dms ok=%d objs=%d/%d file=%s\n", int(timer.elapsed()), int(ok && xi.ok()),
+                           xi.objects_done(), xi.total_objects(), QDir(dir).filePath(main_name).toUtf8().constData());
         return ok && xi.ok();
     };
     if (!root) {
@@ -803,15 +808,26 @@ bool Task_data_files::save(XML_interface& xi, const QSharedPointer<Element_man>&
         xi.set_fail(tr("No output directory"));
         return finish(false);
     }
+    const QString source_dir = man->task_data_dir();
+    const bool in_place = !xi.replace_whole_directory() || source_dir.isEmpty() || !QFileInfo(source_dir).isDir() ||
+                          same_directory(source_dir, dir);
     const QFileInfo dir_info(dir);
-    if (dir_info.exists() && !dir_info.isDir()) {
+    if (in_place && dir_info.exists() && !dir_info.isDir()) {
         xi.set_fail(tr("Path '%1' is not a directory").arg(dir));
         return finish(false);
     }
-    if (!dir_info.exists() && !QDir().mkpath(dir)) {
-        xi.set_fail(tr("Could not create directory %1").arg(dir));
+    Save_transaction transaction(dir, in_place ? Save_transaction::In_place : Save_transaction::Whole_directory);
+    if (!transaction.begin(xi.lock_timeout())) {
+        xi.set_fail(transaction.error());
         return finish(false);
     }
+    // Every file written from here on joins the transaction; none is in place before commit().
+    struct Joined
+    {
+        XML_interface& xi;
+        ~Joined() { xi.m_transaction = nullptr; }
+    } joined{xi};
+    xi.m_transaction = &transaction;
     main_name = output_name(xi, main_name);
 
     int version = xi.format_version();
@@ -829,7 +845,7 @@ bool Task_data_files::save(XML_interface& xi, const QSharedPointer<Element_man>&
         xi.m_format_version = version;
     }
 
-    Writer writer{xi, root, version, man->task_data_dir(), {}};
+    Writer writer{xi, root, version, source_dir, {}};
     QSet<QString> references;
     if (Element_list* list = root->find_list(xfr_tag))
         for (const auto& ref : list->elements())
@@ -841,11 +857,15 @@ bool Task_data_files::save(XML_interface& xi, const QSharedPointer<Element_man>&
                 writer.external_of.insert(e.data(), o.second);
         }
     }
+    QSet<QString> data_names{main_name.toUpper(), link_list_name, guid_list_name};
+    for (const Referenced_file& f : referenced_files(root) + individual_files(xi, root))
+        data_names.insert(f.name.toUpper());
+    transaction.reserve_names(data_names);
     const QSharedPointer<Element> link_list = man->link_list();
     xi.set_total_objects(count_elements(root.data()) + (link_list ? count_elements(link_list.data()) : 0));
 
-    // Everything the main file refers to is in place before the main file is: a crash in
-    // between leaves the old main file with files it does not need, never the reverse.
+    // The main file is staged last and so put in place last: a crash while the files are
+    // being renamed leaves the old main file with files it does not need, never the reverse.
     QByteArray main_data;
     if (!writer.write_main(main_data))
         return finish(false);
@@ -854,15 +874,20 @@ bool Task_data_files::save(XML_interface& xi, const QSharedPointer<Element_man>&
         written.insert(link_list_name);
     if (!writer.write_external_files(written))
         return finish(false);
-    if (!copy_referenced_files(xi, root, man->task_data_dir(), written))
+    if (!copy_referenced_files(xi, root, source_dir, written))
         return finish(false);
     if (link_list && !writer.write_link_list(link_list))
         return finish(false);
     if (xi.keep_proprietary() && !writer.write_guid_list(man))
         return finish(false);
     xi.set_partial_save_state(1);
-    const bool ok = write_whole(xi, main_name, main_data);
+    bool ok = write_whole(xi, main_name, main_data);
     xi.set_partial_save_state(0);
+    if (ok && !transaction.commit()) {
+        xi.set_fail(transaction.error());
+        ok = false;
+    }
+    xi.m_index.reset();
     return finish(ok);
 }
 

@@ -1,6 +1,8 @@
 #include "XML_interface.h"
 
 #include "File_lookup.h"
+#include "Save_transaction.h"
+#include "Symlink_policy.h"
 #include "Task_data_files.h"
 
 #include <taskdata/elements/base/Catalogue.h>
@@ -88,6 +90,7 @@ void XML_interface::reset_state()
     m_objects_done = 0;
     m_used_files.clear();
     m_unused_files.clear();
+    m_copied_files = 0;
     m_cur_infilepath.clear();
     m_cur_outfilename.clear();
     m_partial_save_state.store(0);
@@ -129,11 +132,16 @@ void XML_interface::set_fail(const QString& text)
 
 void XML_interface::set_fail(const QString& path, const QXmlStreamReader& r)
 {
+    set_fail_at(path, r.errorString(), r.lineNumber(), r.columnNumber(), r.characterOffset());
+}
+
+void XML_interface::set_fail_at(const QString& path, const QString& error, qint64 line, qint64 column, qint64 offset)
+{
     set_fail(QCoreApplication::translate("XML_interface", "Error \"%1\" at %2:%3:%4:%5")
-                 .arg(r.errorString(), path)
-                 .arg(r.lineNumber())
-                 .arg(r.columnNumber())
-                 .arg(r.characterOffset()));
+                 .arg(error, path)
+                 .arg(line)
+                 .arg(column)
+                 .arg(offset));
 }
 
 QString XML_interface::fail_text() const
@@ -159,6 +167,11 @@ QString XML_interface::find_optional(const QString& name) const
     const File_lookup::Result r = lookup(name, true);
     if (r.matches > 1)
         const_cast<XML_interface*>(this)->add_warning(r.message);
+    QString refused;
+    if (Symlink_policy::refuses(r.path, &refused)) {
+        const_cast<XML_interface*>(this)->add_warning(refused);
+        return QString();
+    }
     return r.path;
 }
 
@@ -176,6 +189,12 @@ QString XML_interface::infilepath(const QString& name) const
     const File_lookup::Result r = lookup(name, false);
     if (!r.message.isEmpty())
         const_cast<XML_interface*>(this)->add_warning(r.message);
+    QString refused;
+    if (Symlink_policy::refuses(r.path, &refused)) {
+        fprintf(stderr, "%s\n", refused.toUtf8().constData());
+        const_cast<XML_interface*>(this)->add_warning(refused);
+        return QString();
+    }
     if (!r.path.isEmpty())
         const_cast<XML_interface*>(this)->note_used_file(QFileInfo(r.path).fileName());
     return r.path;
@@ -260,7 +279,7 @@ QStringList XML_interface::track_unused_files()
         const QStringList entries =
             QDir(m_output_dir).entryList(QDir::Files | QDir::Hidden | QDir::System, QDir::Name);
         for (const QString& name : entries)
-            if (!used.contains(name))
+            if (!used.contains(name) && !Save_transaction::is_own_file(name))
                 unused.append(name);
     }
     Maybe_lock lock(m_mutex.get());
@@ -309,7 +328,8 @@ namespace {
 bool same_content(const QString& path, const QByteArray& data)
 {
     QFile f(path);
-    if (f.size() != data.size() || !f.open(QIODevice::ReadOnly))
+    if (f.size() != data.size() || !QFileInfo(path).isFile() || QFileInfo(path).isSymLink() ||
+        !f.open(QIODevice::ReadOnly))
         return false;
     return f.readAll() == data;
 }
@@ -317,56 +337,67 @@ bool same_content(const QString& path, const QByteArray& data)
 
 bool XML_interface::write_file_atomic(const QString& path, const QByteArray& data, QString* error)
 {
+    const QFileInfo fi(path);
+    const QString name = fi.fileName();
+    Save_transaction* t = m_transaction && fi.absolutePath() == m_output_dir ? m_transaction : nullptr;
     // Reading is far cheaper than writing and syncing, and spares a terminal's flash.
-    if (m_optimised_save && same_content(path, data))
+    if (m_optimised_save && (!t || (t->mode() == Save_transaction::In_place && !t->is_staged(name))) &&
+        same_content(path, data))
         return true;
     m_index.reset();
-    const QFileInfo fi(path);
-    const QString tmp = fi.absolutePath() + QStringLiteral("/.") + fi.fileName() + QStringLiteral(".tmp");
-    const QByteArray tmp_name = QFile::encodeName(tmp);
-    const QByteArray final_name = QFile::encodeName(path);
-    auto fail = [&](const QString& why) {
-        if (error)
-            *error = why;
-        if (::unlink(tmp_name.constData()) != 0 && errno != ENOENT)
-            fprintf(stderr, "Remove file %s failed!\n", tmp_name.constData());
-        return false;
-    };
-    const int fd = ::open(tmp_name.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return fail(QStringLiteral("%1: %2").arg(tmp, QString::fromLocal8Bit(strerror(errno))));
-    const char* p = data.constData();
-    qint64 left = data.size();
-    while (left > 0) {
-        const ssize_t n = ::write(fd, p, size_t(left));
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            const QString why = QString::fromLocal8Bit(strerror(errno));
-            ::close(fd);
-            return fail(QStringLiteral("%1: %2").arg(tmp, why));
+    std::unique_ptr<Save_transaction> own;
+    if (!t) {
+        own.reset(new Save_transaction(fi.absolutePath(), Save_transaction::In_place));
+        t = own.get();
+        if (!t->begin(m_lock_timeout_ms)) {
+            if (error)
+                *error = t->error();
+            return false;
         }
-        p += n;
-        left -= n;
     }
-    // The data must be on disk before the name points at it, or a power loss could leave an
-    // empty file where a complete one stood.
-    if (::fsync(fd) != 0) {
-        const QString why = QString::fromLocal8Bit(strerror(errno));
-        ::close(fd);
-        return fail(QStringLiteral("%1: %2").arg(tmp, why));
+    if (!t->stage(name, data)) {
+        if (error)
+            *error = t->error();
+        return false;
     }
-    ::close(fd);
-    if (::rename(tmp_name.constData(), final_name.constData()) != 0) {
-        fprintf(stderr, "Move %s to %s failed\n", tmp_name.constData(), final_name.constData());
-        return fail(QStringLiteral("Move %1 to %2 failed").arg(tmp, path));
+    const qint64 size = t->staged_size(name);
+    if (size != data.size()) {
+        fprintf(stderr, "File size does not match %s/%s %d %d\n", fi.absolutePath().toUtf8().constData(),
+                name.toUtf8().constData(), int(size), int(data.size()));
+        if (error)
+            *error = QCoreApplication::translate("XML_interface", "File size does not match %1/%2 %3 %4")
+                         .arg(fi.absolutePath(), name)
+                         .arg(size)
+                         .arg(data.size());
+        return false;
     }
-    const QByteArray dir_name = QFile::encodeName(fi.absolutePath());
-    const int dfd = ::open(dir_name.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dfd >= 0) {
-        ::fsync(dfd);
-        ::close(dfd);
+    if (own && !own->commit()) {
+        if (error)
+            *error = own->error();
+        return false;
     }
+    return true;
+}
+
+bool XML_interface::copy_file(const QString& name, const QString& source, QString* error)
+{
+    const QString path = outfilepath(name);
+    const QFileInfo fi(path);
+    Save_transaction* t = m_transaction && fi.absolutePath() == m_output_dir ? m_transaction : nullptr;
+    m_index.reset();
+    std::unique_ptr<Save_transaction> own;
+    if (!t) {
+        own.reset(new Save_transaction(fi.absolutePath(), Save_transaction::In_place));
+        t = own.get();
+    }
+    if ((own && !t->begin(m_lock_timeout_ms)) || !t->stage_copy(fi.fileName(), source, Symlink_policy::followed()) ||
+        (own && !own->commit())) {
+        if (error)
+            *error = t->error();
+        return false;
+    }
+    ++m_copied_files;
+    note_used_file(fi.fileName());
     return true;
 }
 

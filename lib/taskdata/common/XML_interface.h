@@ -22,6 +22,7 @@
 #include <QWaitCondition>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 
 class QXmlStreamReader;
@@ -29,6 +30,8 @@ class QXmlStreamWriter;
 
 namespace TC {
 namespace Task_data {
+
+class Save_transaction;
 
 namespace Elements {
 namespace Base {
@@ -95,6 +98,8 @@ public:
     void set_fail(const QString& text);
     // "Error \"%1\" at %2:%3:%4:%5" with the reader's error, the file, line, column and offset.
     void set_fail(const QString& path, const QXmlStreamReader& r);
+    // The same text from its parts.
+    void set_fail_at(const QString& path, const QString& error, qint64 line, qint64 column, qint64 offset);
     // Warnings collected during a run (lookup choices, missing referenced files).
     void add_warning(const QString& text);
     QStringList warnings() const;
@@ -141,7 +146,13 @@ public:
     // --- progress ---
     void set_total_objects(int n) { m_total_objects = n; }
     int total_objects() const { return m_total_objects; }
-    void increment_objects_done() { ++m_objects_done; }
+    void increment_objects_done()
+    {
+        if ((++m_objects_done & 1023) == 0 && m_progress)
+            m_progress(m_objects_done, m_total_objects);
+    }
+    // Called on the run's thread every 1024 objects written, with objects done and total.
+    void set_progress_handler(std::function<void(int done, int total)> handler) { m_progress = std::move(handler); }
     int objects_done() const { return m_objects_done; }
     bool is_complete() const { return m_total_objects > 0 && m_objects_done >= m_total_objects; }
 
@@ -170,9 +181,29 @@ public:
     bool write_file(File_interface& files, const QString& name, const QByteArray& data);
     bool write_file(const QString& name, const QByteArray& data);
     // Writes a whole file of the directory so that no moment exists in which a complete old
-    // file is not in place: temporary file, flush and sync, rename over, sync the directory.
-    // With optimised save, a file that already holds `data` is left as it is.
+    // file is not in place: a uniquely named temporary file, synced, renamed over the old one.
+    // During save() the file joins that save and is put in place with all its other files;
+    // outside one it is a save of its own (the directory locked meanwhile). With optimised
+    // save, a file that already holds `data` is left as it is. A device or FIFO of that name
+    // is written to directly.
     bool write_file_atomic(const QString& path, const QByteArray& data, QString* error = nullptr);
+    // Copies the file at `source` as the file `name` of the output directory, in the same way:
+    // streamed (any size), holes and permission bits kept. A source that is a symbolic link
+    // is refused unless Symlink_policy allows it.
+    bool copy_file(const QString& name, const QString& source, QString* error = nullptr);
+    // Referenced files the last save copied from the directory the tree was read from.
+    int copied_files() const { return m_copied_files; }
+
+    // How long a save waits for another save of the same directory (another thread or
+    // program) to end; -1 for ever. Default 30 s.
+    void set_lock_timeout(int ms) { m_lock_timeout_ms = ms; }
+    int lock_timeout() const { return m_lock_timeout_ms; }
+    // A save into a directory other than the one the tree was read from replaces that
+    // directory as a whole (default): no file of an older set stays beside the new one, and a
+    // directory holding anything else is refused. Off: the files are written into it, each
+    // replacing the file of its name, all or none.
+    void set_replace_whole_directory(bool on) { m_replace_whole_directory = on; }
+    bool replace_whole_directory() const { return m_replace_whole_directory; }
 
     void lock();
     void unlock();
@@ -201,8 +232,10 @@ public:
     bool load(const QSharedPointer<Elements::Base::Element_man>& man);
     // Writes the manager's tree into the output directory: "TASKDATA.XML", external and
     // individual files, "LINKLIST.XML", "GUIDLIST.XML", and copies of the files elements refer
-    // to when the output directory is not the one the tree was read from. Every file is
-    // replaced whole or not at all; the main file is written last.
+    // to when the output directory is not the one the tree was read from. A save is all or
+    // nothing: every file is written and synced under a temporary name first, and only when
+    // all are written are they put in place (main file last); a failure (a full disk, a
+    // rename refused) leaves every old file as it was. The directory is locked meanwhile.
     bool save(const QSharedPointer<Elements::Base::Element_man>& man);
     // A new document in the manager (replacing its root): "ISO11783_TaskData" of the format
     // version, made by "Tarvex Agriculture".
@@ -230,6 +263,12 @@ protected:
     QSet<QString> m_individual;
     int m_total_objects = 0;
     int m_objects_done = 0;
+    std::function<void(int, int)> m_progress;
+    int m_copied_files = 0;
+    int m_lock_timeout_ms = 30000;
+    bool m_replace_whole_directory = true;
+    // The save in progress, which every file written joins; null outside save().
+    Save_transaction* m_transaction = nullptr;
     QSet<QString> m_used_files;
     QStringList m_unused_files;
     std::unique_ptr<QMutex> m_mutex;

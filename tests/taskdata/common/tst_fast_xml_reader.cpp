@@ -295,6 +295,8 @@ void Tst_fast_xml_reader::load_falls_back()
         Qt_xml_source s(r);
         bool ok = false;
         expected_tree = load_tree(path, QStringLiteral("ISO11783_TaskData"), s, &ok);
+        while (!r.atEnd()) // what follows the root is read too: content there is an error
+            r.readNext();
         if (r.hasError())
             expected_error = QStringLiteral("Error \"%1\" at %2:%3:%4:%5")
                                  .arg(r.errorString(), path)

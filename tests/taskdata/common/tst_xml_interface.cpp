@@ -518,8 +518,9 @@ void Tst_xml_interface::older_version_kept_unless_content_needs_newer()
 void Tst_xml_interface::failed_save_keeps_previous_files_data()
 {
     QTest::addColumn<QString>("obstacle");
-    QTest::newRow("temporary name of the main file taken by a directory") << "dir:.TASKDATA.XML.tmp";
-    QTest::newRow("temporary name of an external file taken") << "dir:.CTR00001.XML.tmp";
+    // The external file is put in place before the main file: its failure stops the save
+    // before the main file is touched, and the main file's failure undoes the external one.
+    QTest::newRow("external file name taken by a directory") << "external is dir";
     QTest::newRow("main file name taken by a directory") << "main is dir";
     QTest::newRow("output directory is a file") << "output is file";
 }
@@ -535,42 +536,39 @@ void Tst_xml_interface::failed_save_keeps_previous_files()
     XML_interface xi(dir);
     QVERIFY(run([&] { return xi.load(man); }).ok);
     QVERIFY(run([&] { return xi.save(man); }).ok);
-    // What must survive the failing save untouched.
-    QString kept = QDir(dir).filePath("TASKDATA.XML");
-    const QByteArray previous_external = read_file(QDir(dir).filePath("CTR00001.XML"));
     auto root = root_of(man);
     root->customers.typed_at(0)->designator.set_string(root->customers.at(0), "changed");
     root->customers.typed_at(1)->designator.set_string(root->customers.at(1), "changed too");
 
-    if (obstacle.startsWith("dir:")) {
-        QVERIFY(QDir(dir).mkdir(obstacle.mid(4)));
-    } else if (obstacle == "main is dir") {
-        // Files the main file refers to are written before it; nothing else is at stake here.
-        kept.clear();
-        QVERIFY(QFile::remove(QDir(dir).filePath("TASKDATA.XML")));
-        QVERIFY(QDir(dir).mkdir("TASKDATA.XML"));
-    } else {
-        kept = QDir(tmp.path()).filePath("plain_file");
+    // What must survive the failing save untouched: every file that is still a file.
+    QStringList kept{QDir(dir).filePath("TASKDATA.XML"), QDir(dir).filePath("CTR00001.XML")};
+    const QString blocked = obstacle == "main is dir" ? kept.takeFirst() : kept.takeLast();
+    if (obstacle == "output is file") {
+        kept = QStringList{QDir(tmp.path()).filePath("plain_file")};
         write_files(tmp.path(), {{"plain_file", "not a directory"}});
-        xi.set_output_dir(kept);
+        xi.set_output_dir(kept.first());
+    } else {
+        QVERIFY(QFile::remove(blocked));
+        QVERIFY(QDir().mkdir(blocked));
     }
-    const QByteArray previous = read_file(kept);
+    QMap<QString, QByteArray> previous;
+    for (const QString& f : kept)
+        previous.insert(f, read_file(f));
+    const QStringList entries_before = QDir(dir).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
     const Run r = run([&] { return xi.save(man); });
     QVERIFY(!r.ok);
     QVERIFY(!xi.ok());
     QVERIFY(!xi.fail_text().isEmpty());
     QVERIFY(r.err.contains(" ok=0 objs="));
-    QCOMPARE(read_file(kept), previous);
-    if (obstacle == "main is dir") {
-        QVERIFY2(r.err.contains("Move "), qPrintable(r.err));
-        QVERIFY(r.err.contains(" failed\n"));
-        QVERIFY(QFileInfo(QDir(dir).filePath("TASKDATA.XML")).isDir());
+    for (const QString& f : kept)
+        QCOMPARE(read_file(f), previous.value(f));
+    // No temporary is left behind.
+    QCOMPARE(QDir(dir).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), entries_before);
+    if (obstacle != "output is file") {
+        QVERIFY2(r.err.contains("Move ") && r.err.contains(" failed\n"), qPrintable(r.err));
         QVERIFY(xi.fail_text().startsWith("Move "));
+        QVERIFY(QFileInfo(blocked).isDir());
     }
-    if (obstacle.startsWith("dir:"))
-        QCOMPARE(read_file(QDir(dir).filePath("TASKDATA.XML")).contains("inline"), true);
-    if (obstacle == "dir:.CTR00001.XML.tmp")
-        QCOMPARE(read_file(QDir(dir).filePath("CTR00001.XML")), previous_external);
 }
 
 void Tst_xml_interface::referenced_files_copied_data()

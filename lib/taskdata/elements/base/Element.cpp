@@ -80,6 +80,7 @@ bool Element::set(QSharedPointer<Element>& self, Element* other, bool copy_child
         }
         if (extras().foreign_children != other->m_extras->foreign_children) {
             extras().foreign_children = other->m_extras->foreign_children;
+            extras().foreign_seen = other->m_extras->foreign_seen;
             changed = true;
         }
     }
@@ -361,26 +362,25 @@ QVector<Attribute*> Element::extra_attributes() const
     return out;
 }
 
+// By hash: an element of a hostile file may carry a million attributes of other makers.
 Attribute* Element::extra_attribute(QStringView name) const
 {
     if (!m_extras)
         return nullptr;
-    for (const auto& a : m_extras->attributes)
-        if (a.first == name)
-            return a.second;
-    return nullptr;
+    const int i = m_extras->attribute_index.value(name.toString(), -1);
+    return i < 0 ? nullptr : m_extras->attributes[i].second;
 }
 
 void Element::_add(const QString& name, Attribute* attribute)
 {
     Extras& x = extras();
-    for (auto& a : x.attributes) {
-        if (a.first == name) {
-            delete a.second;
-            a.second = attribute;
-            return;
-        }
+    const auto it = x.attribute_index.constFind(name);
+    if (it != x.attribute_index.constEnd()) {
+        delete x.attributes[*it].second;
+        x.attributes[*it].second = attribute;
+        return;
     }
+    x.attribute_index.insert(name, x.attributes.size());
     x.attributes.append(qMakePair(name, attribute));
 }
 
@@ -494,15 +494,27 @@ QString capture_subtree(R& r)
     return text;
 }
 
+// Indentation grows with depth: below this many levels a kept subtree is written without it,
+// or a deeply nested one would cost space quadratic in its depth.
+constexpr int indented_levels = 16;
+
 void write_subtree(QXmlStreamWriter& w, const QString& text)
 {
+    const bool formatting = w.autoFormatting();
+    int depth = 0;
     QXmlStreamReader r(text);
     while (!r.atEnd()) {
         r.readNext();
-        if (r.tokenType() != QXmlStreamReader::StartDocument && r.tokenType() != QXmlStreamReader::EndDocument &&
-            !r.hasError())
-            w.writeCurrentToken(r);
+        if (r.tokenType() == QXmlStreamReader::StartDocument || r.tokenType() == QXmlStreamReader::EndDocument ||
+            r.hasError())
+            continue;
+        if (r.tokenType() == QXmlStreamReader::StartElement && ++depth > indented_levels)
+            w.setAutoFormatting(false);
+        w.writeCurrentToken(r);
+        if (r.tokenType() == QXmlStreamReader::EndElement && --depth == indented_levels)
+            w.setAutoFormatting(formatting);
     }
+    w.setAutoFormatting(formatting);
 }
 } // namespace
 
@@ -564,8 +576,10 @@ bool Element::read_foreign_child_from(R& r, XML_interface& xi)
     // of the same file finds the same text and adds nothing.
     const QString text = capture_subtree(r);
     Extras& x = extras();
-    if (!x.foreign_children.contains(text))
+    if (!x.foreign_seen.contains(text)) {
+        x.foreign_seen.insert(text);
         x.foreign_children.append(text);
+    }
     return true;
 }
 

@@ -12,6 +12,7 @@
 
 #include <QDateTime>
 #include <QEnableSharedFromThis>
+#include <QHash>
 #include <QMap>
 #include <QMutex>
 #include <QPointF>
@@ -228,11 +229,13 @@ protected:
     struct Extras
     {
         QVector<QPair<QString, Attribute*>> attributes; // in document order
+        QHash<QString, int> attribute_index;             // name -> position in attributes
         QMap<QString, QVariant> parameters;
         QVector<QWeakPointer<QObject>> receivers;
         // Child elements of other makers ("P094_..."): not part of the tree, kept as XML text
         // so that they are written back inside their element when proprietary content is kept.
         QStringList foreign_children;
+        QSet<QString> foreign_seen; // the same texts, for a reload that finds them again
         ~Extras();
     };
     Extras& extras();

@@ -132,7 +132,7 @@ bool Element_list::load_individual_file(const QSharedPointer<Element>& owner, co
     if (path.isEmpty())
         return true;
     bool opened = false;
-    const bool ok = read_xml_file(path, opened, [&](auto& r) { return load_individual_file_from(owner, path, xi, index, r); });
+    const bool ok = read_xml_file(path, opened, xi, [&](auto& r) { return load_individual_file_from(owner, path, xi, index, r); });
     if (!opened) {
         xi.add_warning(QStringLiteral("Could not open %1").arg(path));
         return true;

@@ -1,6 +1,7 @@
 #include "Log_helper.h"
 
 #include <taskdata/common/DDI_table.h>
+#include <taskdata/common/Symlink_policy.h>
 #include <taskdata/common/XML_interface.h>
 #include <taskdata/elements/base/Element_man.h>
 
@@ -494,6 +495,8 @@ bool Log_helper::open_binmap(Base::Time_log* tlg)
     const QString path = man->find_file(name);
     if (path.isEmpty())
         return fail(QStringLiteral("%1 not found in \"%2\"").arg(name, man->task_data_dir()));
+    if (Symlink_policy::refuses(path))
+        return fail(Symlink_policy::message(path));
     m_binary_path = path;
     m_file.setFileName(path);
     if (!m_file.open(QIODevice::ReadOnly))
@@ -550,6 +553,10 @@ bool Log_helper::init(const QSharedPointer<Base::Time_log>& tlg, QString debug_f
         const QString header_path = man->find_file(header_name);
         if (header_path.isEmpty()) {
             fail(QStringLiteral("%1 not found in \"%2\"").arg(header_name, man->task_data_dir()));
+            break;
+        }
+        if (Symlink_policy::refuses(header_path)) {
+            fail(Symlink_policy::message(header_path));
             break;
         }
         QFile f(header_path);
