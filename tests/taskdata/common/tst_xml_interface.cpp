@@ -107,6 +107,10 @@ private slots:
     void load_failures();
     void malformed_file_keeps_what_was_read_data();
     void malformed_file_keeps_what_was_read();
+    void error_locations_data();
+    void error_locations();
+    void huge_inputs_data();
+    void huge_inputs();
     void main_file_name_case_data();
     void main_file_name_case();
     void newest_of_two_names_differing_in_case_data();
@@ -234,6 +238,87 @@ void Tst_xml_interface::malformed_file_keeps_what_was_read()
     QStringList kept = designators(root_of(man)->customers);
     kept.removeAll(QString()); // the broken element itself may have been begun
     QCOMPARE(kept, customers_kept);
+}
+
+void Tst_xml_interface::error_locations_data()
+{
+    QTest::addColumn<Files>("files");
+    QTest::addColumn<QString>("bad_file");
+    QTest::addColumn<int>("line");
+    QTest::addColumn<int>("column");
+    const QByteArray ctr = "<CTR A=\"CTR1\" B=\"Doe\"/>\n";
+    const QByteArray xfr = "<XFR A=\"CTR00001\" B=\"1\"/>\n";
+    // QXmlStreamReader decodes ahead in blocks and places these at the start of one.
+    QTest::newRow("invalid UTF-8 in the main file")
+        << Files{{"TASKDATA.XML", task_data(ctr + "<CTR A=\"CTR2\" B=\"R\xFFoe\"/>\n")}} << "TASKDATA.XML" << 4 << 19;
+    QTest::newRow("cut UTF-8 sequence in an external file")
+        << Files{{"TASKDATA.XML", task_data(xfr)}, {"CTR00001.XML", "<XFC>\n<CTR A=\"CTR1\"\n B=\"x\xC3\"/></XFC>\n"}}
+        << "CTR00001.XML" << 3 << 6;
+    // What follows the root element may be comments and white space, nothing else.
+    QTest::newRow("element after the root") << Files{{"TASKDATA.XML", task_data(ctr) + "<!-- c -->\n  <CTR/>\n"}}
+                                            << "TASKDATA.XML" << 6 << 3;
+    QTest::newRow("text after the root") << Files{{"TASKDATA.XML", task_data(ctr) + "\njunk"}} << "TASKDATA.XML" << 6
+                                         << 1;
+    QTest::newRow("element after the root of an external file")
+        << Files{{"TASKDATA.XML", task_data(xfr)}, {"CTR00001.XML", "<XFC>" + ctr + "</XFC>\n<XFC/>\n"}}
+        << "CTR00001.XML" << 3 << 1;
+}
+
+void Tst_xml_interface::error_locations()
+{
+    QFETCH(Files, files);
+    QFETCH(QString, bad_file);
+    QFETCH(int, line);
+    QFETCH(int, column);
+    QTemporaryDir tmp;
+    write_files(tmp.path(), files);
+    auto man = Element_man::create();
+    XML_interface xi(tmp.path());
+    QVERIFY(!run([&] { return xi.load(man); }).ok);
+    const QRegularExpression form(QString("^Error \"[^\"]+\" at %1:(\\d+):(\\d+):(\\d+)$")
+                                      .arg(QRegularExpression::escape(QDir(tmp.path()).filePath(bad_file))));
+    const QRegularExpressionMatch m = form.match(xi.fail_text());
+    QVERIFY2(m.hasMatch(), qPrintable(xi.fail_text()));
+    QCOMPARE(m.captured(1).toInt(), line);
+    QCOMPARE(m.captured(2).toInt(), column);
+}
+
+void Tst_xml_interface::huge_inputs_data()
+{
+    // Smaller under the sanitizers (their runs set these variables), which are slow; a cost
+    // quadratic in the count would still not end within the test's timeout.
+    const int scale = qEnvironmentVariableIsSet("ASAN_OPTIONS") || qEnvironmentVariableIsSet("TSAN_OPTIONS") ? 5 : 1;
+    QTest::addColumn<int>("attributes");
+    QTest::addColumn<int>("depth");
+    QTest::newRow("a million attributes on one element") << 1000000 / scale << 0;
+    QTest::newRow("100,000 nested elements of another maker") << 0 << 100000 / scale;
+}
+
+void Tst_xml_interface::huge_inputs()
+{
+    QFETCH(int, attributes);
+    QFETCH(int, depth);
+    QTemporaryDir tmp;
+    QByteArray customer = "<CTR A=\"CTR1\" B=\"Doe\"";
+    customer.reserve(attributes * 20 + depth * 15 + 100);
+    for (int i = 0; i < attributes; ++i)
+        customer += " P1_" + QByteArray::number(i) + "=\"" + QByteArray::number(i) + '"';
+    customer += '>' + QByteArray("<P1_x>").repeated(depth) + QByteArray("</P1_x>").repeated(depth) + "</CTR>\n";
+    const QByteArray input = task_data(customer);
+    write_files(tmp.filePath("in"), {{"TASKDATA.XML", input}});
+    auto man = Element_man::create();
+    XML_interface xi(tmp.filePath("in"));
+    QVERIFY(run([&] { return xi.load(man); }).ok);
+    const QSharedPointer<Element> c = root_of(man)->customers.at(0);
+    QCOMPARE(c->extra_attributes().size(), attributes);
+    QCOMPARE(c->foreign_children().size(), depth > 0 ? 1 : 0);
+    xi.set_output_dir(tmp.filePath("out"));
+    QVERIFY(run([&] { return xi.save(man); }).ok);
+    // Written back whole, and in about the space it took: indentation does not grow with depth.
+    const QByteArray output = read_file(tmp.filePath("out/TASKDATA.XML"));
+    QVERIFY2(output.size() < input.size() + 4096, qPrintable(QString::number(output.size())));
+    QCOMPARE(output.count("<P1_x"), depth);
+    QVERIFY(output.contains(" P1_" + QByteArray::number(attributes - 1) + "=\"") || attributes == 0);
 }
 
 void Tst_xml_interface::main_file_name_case_data()
