@@ -19,6 +19,9 @@
 #include <QXmlStreamReader>
 #include <QtTest>
 
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
 using namespace TC::Task_data::Elements::Base;
 
 namespace {
@@ -32,9 +35,11 @@ struct Run_result
 
 QString tool_path() { return qEnvironmentVariable("KTD_BINARY_DIR") + QStringLiteral("/tools/taskdata/taskdata"); }
 
-Run_result run_tool(const QStringList& args, int timeout_ms = 300000)
+Run_result run_tool(const QStringList& args, int timeout_ms = 300000, const QString& stdout_file = QString())
 {
     QProcess p;
+    if (!stdout_file.isEmpty())
+        p.setStandardOutputFile(stdout_file, QIODevice::Append);
     p.start(tool_path(), args);
     Run_result r;
     if (!p.waitForFinished(timeout_ms)) {
@@ -189,6 +194,12 @@ private slots:
     void generate_data();
     void generate();
     void generate_repeatable();
+    void output_targets_data();
+    void output_targets();
+    void hostile_directories_data();
+    void hostile_directories();
+    void trace_and_progress_data();
+    void trace_and_progress();
 };
 
 void Tst_taskdata_tool::initTestCase()
@@ -649,6 +660,167 @@ void Tst_taskdata_tool::generate_repeatable()
     for (const QString& f : files)
         QVERIFY2(read_file(a.filePath(f)) == read_file(b.filePath(f)), qPrintable(f + " differs for the same seed"));
     QVERIFY(read_file(a.filePath("TASKDATA.XML")) != read_file(c.filePath("TASKDATA.XML")));
+}
+
+// A directory with one time log of two records; "%tl" in arguments stands for it, "%tmp" for
+// the test's temporary directory.
+QStringList with_places(QStringList args, const QString& tmp)
+{
+    for (QString& a : args)
+        a.replace("%tl", tmp + "/tl").replace("%tmp", tmp).replace("%example", example_dir());
+    return args;
+}
+
+void make_time_log_dir(const QString& dir)
+{
+    QDir().mkpath(dir);
+    QVERIFY(write_file(dir + "/TASKDATA.XML", document(4, "<TSK A=\"TSK1\" G=\"1\"><TLG A=\"TLG00001\" C=\"1\"/></TSK>\n")));
+    QVERIFY(write_file(dir + "/TLG00001.XML", QByteArray(xml_head) + "<TIM A=\"\" D=\"4\"/>\n"));
+    QVERIFY(write_file(dir + "/TLG00001.BIN", QByteArray(14, '\0')));
+}
+
+void Tst_taskdata_tool::output_targets_data()
+{
+    QTest::addColumn<QStringList>("args");
+    QTest::addColumn<QString>("stdout_file");
+    QTest::addColumn<int>("code");
+    QTest::addColumn<QString>("err_part");
+    QTest::addColumn<QString>("out_part");
+    QTest::newRow("results onto a full device") << QStringList{"info", "%example"} << "/dev/full" << 3
+                                                << "cannot write the output" << "";
+    QTest::newRow("check results onto a full device") << QStringList{"check", "%example"} << "/dev/full" << 3
+                                                      << "cannot write the output" << "";
+    QTest::newRow("CSV onto a full device") << QStringList{"timelog", "%tl", "--csv", "/dev/full"} << "" << 2
+                                            << "cannot write /dev/full" << "";
+    QTest::newRow("CSV onto a character device") << QStringList{"timelog", "%tl", "--csv", "%tmp/device"} << "" << 0
+                                                 << "" << "wrote 2 records";
+    QTest::newRow("CSV onto a FIFO without reader") << QStringList{"timelog", "%tl", "--csv", "%tmp/fifo"} << "" << 2
+                                                    << "cannot write" << "";
+    QTest::newRow("CSV onto standard output") << QStringList{"timelog", "%tl", "--csv", "-"} << "" << 0
+                                              << "wrote 2 records" << "record,time\n0,";
+}
+
+void Tst_taskdata_tool::output_targets()
+{
+    QFETCH(QStringList, args);
+    QFETCH(QString, stdout_file);
+    QFETCH(int, code);
+    QFETCH(QString, err_part);
+    QFETCH(QString, out_part);
+    QTemporaryDir tmp;
+    make_time_log_dir(tmp.filePath("tl"));
+    const QByteArray device = QFile::encodeName(tmp.filePath("device"));
+    // A character device of our own (the null device's numbers): a test that went wrong
+    // replaces that one, never the machine's.
+    if (args.contains("%tmp/device") && ::mknod(device.constData(), S_IFCHR | 0666, makedev(1, 3)) != 0)
+        QSKIP("cannot make a device node here (not root, or a nodev file system)");
+    QVERIFY(::mkfifo(QFile::encodeName(tmp.filePath("fifo")).constData(), 0666) == 0);
+    const Run_result r = run_tool(with_places(args, tmp.path()), 60000, stdout_file);
+    QVERIFY2(r.code == code, qPrintable(QString("%1: %2").arg(r.code).arg(r.err)));
+    QVERIFY2(r.err.contains(err_part), qPrintable(r.err));
+    QVERIFY2(r.out.contains(out_part), qPrintable(r.out));
+    struct stat st;
+    QVERIFY(::lstat(device.constData(), &st) != 0 || S_ISCHR(st.st_mode));
+    QVERIFY(::lstat(QFile::encodeName(tmp.filePath("fifo")).constData(), &st) == 0 && S_ISFIFO(st.st_mode));
+    QCOMPARE(QDir(tmp.path()).entryList(QDir::Files | QDir::Hidden).filter(".ktdtmp"), QStringList());
+}
+
+void Tst_taskdata_tool::hostile_directories_data()
+{
+    QTest::addColumn<QStringList>("args");
+    QTest::addColumn<int>("code");
+    QTest::addColumn<QString>("said");        // in standard output or error
+    QTest::addColumn<QStringList>("present"); // relative to the temporary directory
+    QTest::addColumn<QStringList>("absent");
+    QTest::newRow("convert into a directory holding other files")
+        << QStringList{"convert", "%tmp/in", "%tmp/other"} << 3 << "would be lost: notes.txt"
+        << QStringList{"other/notes.txt", "other/TASKDATA.XML"} << QStringList{"other/GRD00001.BIN"};
+    QTest::newRow("convert into an older set replaces all of it")
+        << QStringList{"convert", "%tmp/in", "%tmp/older"} << 0 << "wrote" << QStringList{"older/GRD00001.BIN"}
+        << QStringList{"older/GRD00009.BIN"};
+    QTest::newRow("check reports a linked file") << QStringList{"check", "%tmp/linked"} << 1
+                                                 << "GRD00001.BIN is a symbolic link: not followed" << QStringList{}
+                                                 << QStringList{};
+    QTest::newRow("convert leaves a linked file out")
+        << QStringList{"convert", "%tmp/linked", "%tmp/out"} << 0 << "wrote" << QStringList{"out/TASKDATA.XML"}
+        << QStringList{"out/GRD00001.BIN"};
+    QTest::newRow("convert --follow-symlinks copies it")
+        << QStringList{"convert", "--follow-symlinks", "%tmp/linked", "%tmp/out"} << 0 << "1 referenced file(s) copied"
+        << QStringList{"out/GRD00001.BIN"} << QStringList{};
+    QTest::newRow("info reads the main file given by name")
+        << QStringList{"info", "%tmp/in/OTHER.XML"} << 0 << "PFD " << QStringList{} << QStringList{};
+}
+
+void Tst_taskdata_tool::hostile_directories()
+{
+    QFETCH(QStringList, args);
+    QFETCH(int, code);
+    QFETCH(QString, said);
+    QFETCH(QStringList, present);
+    QFETCH(QStringList, absent);
+    QTemporaryDir tmp;
+    const QByteArray grid = "<TSK A=\"TSK1\" G=\"1\"><GRD A=\"52\" B=\"8\" C=\"0.1\" D=\"0.1\" E=\"2\" F=\"2\" G=\"GRD00001\" "
+                            "I=\"1\"/></TSK>\n";
+    for (const QString d : {"in", "other", "older", "linked"}) {
+        QDir().mkpath(tmp.filePath(d));
+        QVERIFY(write_file(tmp.filePath(d + "/TASKDATA.XML"), document(4, grid)));
+    }
+    QVERIFY(write_file(tmp.filePath("in/GRD00001.BIN"), "1234"));
+    QVERIFY(write_file(tmp.filePath("in/OTHER.XML"), document(4, "<PFD A=\"PFD1\" C=\"f\" D=\"1\"/>\n")));
+    QVERIFY(write_file(tmp.filePath("other/notes.txt"), "mine"));
+    QVERIFY(write_file(tmp.filePath("older/GRD00009.BIN"), "stale"));
+    QVERIFY(QFile::link(tmp.filePath("in/GRD00001.BIN"), tmp.filePath("linked/GRD00001.BIN")));
+    const Run_result r = run_tool(with_places(args, tmp.path()));
+    QVERIFY2(r.code == code, qPrintable(QString("%1: %2").arg(r.code).arg(r.err)));
+    QVERIFY2((r.out + r.err).contains(said), qPrintable(r.out + r.err));
+    for (const QString& f : present)
+        QVERIFY2(QFileInfo::exists(tmp.filePath(f)) && !QFileInfo(tmp.filePath(f)).isSymLink(), qPrintable(f));
+    for (const QString& f : absent)
+        QVERIFY2(!QFileInfo::exists(tmp.filePath(f)), qPrintable(f));
+}
+
+void Tst_taskdata_tool::trace_and_progress_data()
+{
+    QTest::addColumn<QStringList>("args");
+    QTest::addColumn<bool>("terminal");
+    QTest::addColumn<QString>("expected"); // on standard error
+    QTest::addColumn<QString>("unexpected");
+    QTest::newRow("quiet by default") << QStringList{"info", "%example"} << false << "" << "XML_LOAD_NEW";
+    QTest::newRow("trace lines with --verbose") << QStringList{"info", "--verbose", "%example"} << false
+                                                << "XML_LOAD_NEW" << "";
+    QTest::newRow("progress on a terminal")
+        << QStringList{"generate", "%tmp/gen", "--fields", "4", "--points", "2000"} << true << "\rgenerate: " << "";
+    QTest::newRow("no progress elsewhere")
+        << QStringList{"generate", "%tmp/gen", "--fields", "4", "--points", "2000"} << false << "" << "\r";
+}
+
+void Tst_taskdata_tool::trace_and_progress()
+{
+    QFETCH(QStringList, args);
+    QFETCH(bool, terminal);
+    QFETCH(QString, expected);
+    QFETCH(QString, unexpected);
+    QTemporaryDir tmp;
+    args = with_places(args, tmp.path());
+    Run_result r;
+    if (terminal) {
+        // script(1) gives the tool a terminal and copies what it shows.
+        if (QStandardPaths::findExecutable("script").isEmpty())
+            QSKIP("script(1) is not installed");
+        QStringList quoted{tool_path()};
+        for (const QString& a : args)
+            quoted << '\'' + a + '\'';
+        QProcess p;
+        p.start("script", {"-qec", quoted.join(' '), "/dev/null"});
+        QVERIFY(p.waitForFinished(120000));
+        r.code = p.exitCode();
+        r.err = QString::fromUtf8(p.readAllStandardOutput());
+    } else {
+        r = run_tool(args);
+    }
+    QCOMPARE(r.code, 0);
+    QVERIFY2(r.err.contains(expected), qPrintable(r.err));
+    QVERIFY2(unexpected.isEmpty() || !r.err.contains(unexpected), qPrintable(r.err));
 }
 
 QTEST_MAIN(Tst_taskdata_tool)

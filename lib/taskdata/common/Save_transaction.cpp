@@ -168,25 +168,38 @@ bool is_hex(QStringView s)
     return true;
 }
 
-bool is_name_char(QChar c) { return c.unicode() < 128 && (c.isLetterOrNumber() || c == QLatin1Char('_') || c == QLatin1Char('-')); }
+bool is_upper_name_char(QChar c)
+{
+    return (c >= QLatin1Char('A') && c <= QLatin1Char('Z')) || (c >= QLatin1Char('0') && c <= QLatin1Char('9')) ||
+           c == QLatin1Char('_') || c == QLatin1Char('-');
+}
 
-// The names files of a task data set have: 8.3 names ("TASKDATA.XML", "GRD00001.BIN",
-// attached files) and the files of individually saved elements ("CTR_12.XML",
-// "TSK_<GUID>.XML").
+// The names files of a task data set have, in any letter case: the main file, the link and
+// GUID lists, numbered files ("GRD00001.BIN", "CTR00001.XML") and the files of individually
+// saved elements ("CTR_12.XML", "TSK_<GUID>.XML"); and, in capitals as the format wants them,
+// 8.3 names of attached files ("NOTES001.TXT"). Anything else is somebody else's.
 bool is_task_data_name(const QString& name)
 {
-    const int dot = name.lastIndexOf(QLatin1Char('.'));
+    const QString upper = name.toUpper();
+    if (upper == QLatin1String("TASKDATA.XML") || upper == QLatin1String("LINKLIST.XML") ||
+        upper == QLatin1String("GUIDLIST.XML"))
+        return true;
+    const bool xml = upper.endsWith(QLatin1String(".XML"));
+    if ((xml || upper.endsWith(QLatin1String(".BIN"))) && upper.size() == 12) {
+        bool numbered = true;
+        for (int i = 0; i < 8; ++i)
+            numbered = numbered && (i < 3 ? upper.at(i).isLetter() : upper.at(i).isDigit());
+        if (numbered)
+            return true;
+    }
+    if (xml && upper.size() > 8 && upper.at(3) == QLatin1Char('_') &&
+        std::all_of(upper.begin(), upper.end() - 4, is_upper_name_char))
+        return true;
+    const int dot = name.indexOf(QLatin1Char('.'));
     const QStringView base = QStringView(name).left(dot < 0 ? name.size() : dot);
     const QStringView ext = dot < 0 ? QStringView() : QStringView(name).mid(dot + 1);
-    const bool plain_ext = ext.size() <= 3 && std::all_of(ext.begin(), ext.end(), [](QChar c) {
-                               return c.unicode() < 128 && c.isLetterOrNumber();
-                           });
-    if (dot != 0 && base.size() <= 8 && plain_ext && (dot < 0 || !ext.isEmpty()) &&
-        std::all_of(base.begin(), base.end(), is_name_char))
-        return true;
-    if (ext.compare(QLatin1String("XML"), Qt::CaseInsensitive) != 0 || base.size() < 5 || base.at(3) != QLatin1Char('_'))
-        return false;
-    return std::all_of(base.begin(), base.end(), [](QChar c) { return is_name_char(c); });
+    return !base.isEmpty() && base.size() <= 8 && std::all_of(base.begin(), base.end(), is_upper_name_char) &&
+           (dot < 0 || (!ext.isEmpty() && ext.size() <= 3 && std::all_of(ext.begin(), ext.end(), is_upper_name_char)));
 }
 
 } // namespace
