@@ -574,7 +574,8 @@ QXmlStreamReader::TokenType Fast_xml_reader::read_start_tag()
             return error("default namespace declaration");
         // Compared pairwise while few, by hash beyond: one start tag may carry a million.
         const std::string_view raw(reinterpret_cast<const char*>(m_begin + a.raw_off), size_t(a.raw_len));
-        if (m_attrs.size() + m_ns.size() < 16) {
+        if (m_prescanned) {
+        } else if (m_attrs.size() + m_ns.size() < 16) {
             for (const Attr& b : m_attrs)
                 if (b.raw_len == a.raw_len && std::memcmp(m_begin + a.raw_off, m_begin + b.raw_off, size_t(a.raw_len)) == 0)
                     return error("duplicate attribute");
@@ -793,8 +794,10 @@ bool Fast_xml_reader::prescan() const
     while (!probe.atEnd())
         probe.readNext();
     m_hint = Xml_error_hint();
-    if (!probe.hasError())
+    if (!probe.hasError()) {
+        m_prescanned = m_pos == m_begin && m_token == QXmlStreamReader::NoToken;
         return true;
+    }
     if (probe.m_max_attributes > max_attributes_for_fallback)
         m_hint = hint_at(Xml_error_hint::too_many_attributes, probe.m_pos, QLatin1String(probe.m_error_reason));
     else if (const uchar* bad = first_invalid_utf8(m_begin, m_end))

@@ -137,6 +137,8 @@ private:
     const char* m_error_reason = "";
     int m_max_attributes = 0;
     mutable Xml_error_hint m_hint;
+    // Set by a prescan() that passed: the checks it made need not be made again.
+    mutable bool m_prescanned = false;
     Xml_error_hint hint_at(Xml_error_hint::Kind kind, const uchar* at, const QString& reason) const;
 
     // Decoded names, values and text of the current token; views index into it.

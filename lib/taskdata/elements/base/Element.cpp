@@ -537,7 +537,8 @@ bool Element::load_xml_from(const QSharedPointer<Element>& self, R& r, XML_inter
             const QStringView name = r.attribute_name(i);
             Attribute* a = find_attribute(name);
             if (!a) {
-                a = extra_attribute(name);
+                // A new element has no extra attributes yet, and a start tag names each once.
+                a = fresh ? nullptr : extra_attribute(name);
                 if (!a) {
                     a = new Attributes::Base::Extra_string(name.toString());
                     _add(name.toString(), a);
