@@ -1,12 +1,12 @@
 #include <platform/util/Trace_print.h>
 
 #include <QByteArray>
+#include <QString>
 #include <QtGlobal>
 
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
-#include <vector>
 
 namespace {
 
@@ -42,16 +42,7 @@ void Trace_print::print(const char* fmt, ...)
         return;
     va_list args;
     va_start(args, fmt);
-    va_list again;
-    va_copy(again, args);
-    const int len = std::vsnprintf(nullptr, 0, fmt, args);
+    const QByteArray line = QString::vasprintf(fmt, args).toUtf8();
     va_end(args);
-    if (len <= 0) {
-        va_end(again);
-        return;
-    }
-    std::vector<char> line(size_t(len) + 1);
-    std::vsnprintf(line.data(), line.size(), fmt, again);
-    va_end(again);
-    std::fwrite(line.data(), 1, size_t(len), stderr);
+    std::fwrite(line.constData(), 1, size_t(line.size()), stderr);
 }

@@ -87,6 +87,18 @@ Run run(F&& f)
     return r;
 }
 
+// The line and column of a failure text "Error "..." at FILE:LINE:COLUMN:OFFSET" about the file
+// `bad_file` of `dir`; 0 and 0 when the text is not of that form.
+QPair<int, int> error_place(const XML_interface& xi, const QString& dir, const QString& bad_file)
+{
+    const QRegularExpression form(QString("^Error \"[^\"]+\" at %1:(\\d+):(\\d+):(\\d+)$")
+                                      .arg(QRegularExpression::escape(QDir(dir).filePath(bad_file))));
+    const QRegularExpressionMatch m = form.match(xi.fail_text());
+    if (!m.hasMatch() || m.captured(3).toInt() <= 0)
+        return qMakePair(0, 0);
+    return qMakePair(m.captured(1).toInt(), m.captured(2).toInt());
+}
+
 struct Failing_files final : File_interface
 {
     bool write(const QString&, const QByteArray&, QString* error) override
@@ -226,13 +238,8 @@ void Tst_xml_interface::malformed_file_keeps_what_was_read()
     XML_interface xi(tmp.path());
     QVERIFY(!run([&] { return xi.load(man); }).ok);
     // The message names the file, the line, the column and the character offset.
-    const QRegularExpression form(QString("^Error \"[^\"]+\" at %1:(\\d+):(\\d+):(\\d+)$")
-                                      .arg(QRegularExpression::escape(QDir(tmp.path()).filePath(bad_file))));
-    const QRegularExpressionMatch m = form.match(xi.fail_text());
-    QVERIFY2(m.hasMatch(), qPrintable(xi.fail_text()));
-    QCOMPARE(m.captured(1).toInt(), line);
-    QVERIFY(m.captured(2).toInt() > 0);
-    QVERIFY(m.captured(3).toInt() > 0);
+    const QPair<int, int> place = error_place(xi, tmp.path(), bad_file);
+    QVERIFY2(place.first == line && place.second > 0, qPrintable(xi.fail_text()));
     QVERIFY(root_of(man));
     QCOMPARE(root_of(man)->mngt_sw_manufacturer.get_string(), QString("Test"));
     QStringList kept = designators(root_of(man)->customers);
@@ -275,12 +282,7 @@ void Tst_xml_interface::error_locations()
     auto man = Element_man::create();
     XML_interface xi(tmp.path());
     QVERIFY(!run([&] { return xi.load(man); }).ok);
-    const QRegularExpression form(QString("^Error \"[^\"]+\" at %1:(\\d+):(\\d+):(\\d+)$")
-                                      .arg(QRegularExpression::escape(QDir(tmp.path()).filePath(bad_file))));
-    const QRegularExpressionMatch m = form.match(xi.fail_text());
-    QVERIFY2(m.hasMatch(), qPrintable(xi.fail_text()));
-    QCOMPARE(m.captured(1).toInt(), line);
-    QCOMPARE(m.captured(2).toInt(), column);
+    QVERIFY2(error_place(xi, tmp.path(), bad_file) == qMakePair(line, column), qPrintable(xi.fail_text()));
 }
 
 void Tst_xml_interface::huge_inputs_data()
