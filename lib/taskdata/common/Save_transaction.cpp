@@ -7,7 +7,9 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QMutex>
 #include <QRandomGenerator>
+#include <QSet>
 #include <QThread>
 
 #include <algorithm>
@@ -307,6 +309,16 @@ bool Save_transaction::lock_file(const QString& path, bool directory, int timeou
 
 void Save_transaction::remove_stale(const QString& in_dir, const QString& prefix, bool directories)
 {
+    // What a killed process left is there when this process first comes; a save of one small
+    // file many times a minute must not list a large directory every time.
+    static QMutex mutex;
+    static QSet<QString> cleaned;
+    {
+        QMutexLocker lock(&mutex);
+        if (cleaned.contains(in_dir + QLatin1Char('/') + prefix))
+            return;
+        cleaned.insert(in_dir + QLatin1Char('/') + prefix);
+    }
     const QStringList entries =
         QDir(in_dir).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
     for (const QString& name : entries) {

@@ -11,7 +11,8 @@
 // (renameat2(RENAME_EXCHANGE); without it the old one is moved aside first). A target that
 // holds anything but a task data set is refused, with the names of what would be lost.
 // A file that exists and is not a regular file (a device, a FIFO) is written to directly.
-// Temporaries that a killed save left behind are removed by the next save that takes the lock.
+// Temporaries that a killed save left behind are removed by the first save of a process that
+// takes the lock of that directory.
 //
 // Ownership: the transaction owns its temporaries and locks; destroying it without commit()
 // removes the temporaries and leaves every old file as it was. Threads: one thread per
@@ -44,7 +45,7 @@ public:
     Save_transaction& operator=(const Save_transaction&) = delete;
 
     // Takes the locks (waiting up to timeout_ms; -1 waits for ever), removes what killed saves
-    // left and, for a whole directory, checks the target and makes the staging directory.
+    // left (once per process and directory) and, for a whole directory, checks the target and makes the staging directory.
     // False with error() when the directory cannot be locked or must not be replaced.
     bool begin(int lock_timeout_ms);
     // In place without the lock and without removing anything: for a single result file

@@ -263,7 +263,7 @@ void Tst_save_guarantees::concurrent_saves_end_with_one_set()
     const Snapshot end = snapshot(out);
     QCOMPARE(QStringList(end.keys()), (QStringList{"CTR00001.XML", "GRD00001.BIN", "TASKDATA.XML"}));
     const bool first_won = end.value("TASKDATA.XML").contains("\"first\"");
-    for (const QString& name : {"TASKDATA.XML", "CTR00001.XML"}) {
+    for (const QString name : {"TASKDATA.XML", "CTR00001.XML"}) {
         QVERIFY(end.value(name).count(first_won ? "\"first\"" : "\"second\"") >= 400);
         QCOMPARE(end.value(name).count(first_won ? "\"second\"" : "\"first\""), 0);
     }
