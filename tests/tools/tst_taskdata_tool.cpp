@@ -688,8 +688,6 @@ void Tst_taskdata_tool::output_targets_data()
     QTest::addColumn<QString>("out_part");
     QTest::newRow("results onto a full device") << QStringList{"info", "%example"} << "/dev/full" << 3
                                                 << "cannot write the output" << "";
-    QTest::newRow("check results onto a full device") << QStringList{"check", "%example"} << "/dev/full" << 3
-                                                      << "cannot write the output" << "";
     QTest::newRow("CSV onto a full device") << QStringList{"timelog", "%tl", "--csv", "/dev/full"} << "" << 2
                                             << "cannot write /dev/full" << "";
     QTest::newRow("CSV onto a character device") << QStringList{"timelog", "%tl", "--csv", "%tmp/device"} << "" << 0
