@@ -371,10 +371,10 @@ int main(int argc, char** argv)
     mem.add({"RSS growth of the tree (/proc/self/statm), bytes", grouped(rss_tree)});
     mem.add({"RSS per element, bytes", num(rss_tree / n, 1)});
     mem.add({"XML text per element, bytes", num(doc.size() / n, 1)});
-    mem.add({"sizeof(Point)", QByteArray::number(int(sizeof(Point)))});
+    mem.add({"sizeof(Elements::Base::Point)", QByteArray::number(int(sizeof(Elements::Base::Point)))});
     mem.add({"  of which sizeof(Element) (base part)", QByteArray::number(int(sizeof(Element)))});
     const QByteArray pre = "  sizeof(Point::";
-#define KTD_SIZE_ROW(m) mem.add({pre + #m ")", QByteArray::number(int(sizeof(Point::m)))});
+#define KTD_SIZE_ROW(m) mem.add({pre + #m ")", QByteArray::number(int(sizeof(Elements::Base::Point::m)))});
     KTD_SIZE_ROW(type)
     KTD_SIZE_ROW(designator)
     KTD_SIZE_ROW(north)
@@ -402,7 +402,7 @@ int main(int argc, char** argv)
     }
     std::printf("\nSUMMARY bench_elements load_vs_scan=%.2f save_vs_bare=%.2f heap_per_element=%.1f "
                 "heap_per_pnt=%.1f sizeof_point=%d identical=%d\n",
-                load / scan, save / bw, heap_tree / n, double(heap_tree) / pnt_count, int(sizeof(Point)),
+                load / scan, save / bw, heap_tree / n, double(heap_tree) / pnt_count, int(sizeof(Elements::Base::Point)),
                 identical ? 1 : 0);
     return identical ? 0 : 1;
 }

@@ -375,6 +375,7 @@ bool read_document(XML_interface& xi, const QSharedPointer<Element_man>& man, co
     if (!read_optional_list(xi, man, link_list_name) || !read_optional_list(xi, man, guid_list_name))
         return false;
     check_tree(xi, root);
+    Elements::Base::Point::load_binary_files(root, xi);
     return true;
 }
 
@@ -672,7 +673,7 @@ QVector<Task_data_files::Referenced_file> Task_data_files::referenced_files(cons
                 add(base + QStringLiteral(".BIN"), tag);
             }
         } else if (tag_is(e, "PNT")) {
-            const QString base = static_cast<Point*>(e)->filename.get_string();
+            const QString base = static_cast<Elements::Base::Point*>(e)->filename.get_string();
             if (!base.isEmpty())
                 add(base + QStringLiteral(".BIN"), tag);
         } else if (tag_is(e, "AFE")) {
@@ -874,6 +875,9 @@ bool Task_data_files::save(XML_interface& xi, const QSharedPointer<Element_man>&
         written.insert(link_list_name);
     if (!writer.write_external_files(written))
         return finish(false);
+    // Files the elements wrote themselves (binary point files) are not copied over again.
+    for (const QString& name : xi.used_files())
+        written.insert(name.toUpper());
     if (!copy_referenced_files(xi, root, source_dir, written))
         return finish(false);
     if (link_list && !writer.write_link_list(link_list))

@@ -44,7 +44,7 @@ QSharedPointer<Element_man> build_document()
     line->type.set_val(line, 1);
     for (int i = 0; i < points; ++i) {
         // Without defaults: a point of a field boundary needs no identifier of its own.
-        auto p = QSharedPointer<Point>::create(man.toWeakRef());
+        auto p = QSharedPointer<Elements::Base::Point>::create(man.toWeakRef());
         line->points.add(p, -1, false);
         p->type.set_val(p, 2);
         p->north.set_val(p, 52.0 + i * 1e-6);

@@ -13,11 +13,14 @@
 #include <taskdata/attributes/base/LinkedID.h>
 #include <taskdata/attributes/base/String.h>
 #include <taskdata/attributes/base/UniqueID.h>
+#include <taskdata/common/Point_list.h>
 #include <taskdata/elements/base/Element.h>
 #include <taskdata/elements/base/Element_list.h>
 #include <taskdata/elements/base/catalogue.def>
 
 #include <QObject>
+
+#include <memory>
 
 namespace TC {
 namespace Task_data {
@@ -171,7 +174,28 @@ class KTD_EXPORT Operation_technique : public Element { KTD_ELEMENT_BODY(Operati
 class KTD_EXPORT Operation_technique_practice : public Element { KTD_ELEMENT_BODY(Operation_technique_practice) };
 class KTD_EXPORT Operation_technique_reference : public Element { KTD_ELEMENT_BODY(Operation_technique_reference) };
 class KTD_EXPORT Partfield : public Element { KTD_ELEMENT_BODY(Partfield) };
-class KTD_EXPORT Point : public Element { KTD_ELEMENT_BODY(Point) };
+// A point, or -- when J names a binary point file -- every point of that file (Point_list).
+class KTD_EXPORT Point : public Element
+{
+    KTD_ELEMENT_BODY(Point)
+public:
+    // The points of the element's binary point file; null for a point of its own.
+    Point_list* binary_points() const { return m_binary.get(); }
+    Point_list& make_binary_points();
+    // Announces a change made through binary_points() (update kind 4, binary data modified).
+    void binary_points_changed() { notify_changed(4); }
+    // Every binary point file the tree names, read from the interface's directory (after a
+    // load). Answers the number of points read.
+    static qint64 load_binary_files(const QSharedPointer<Element>& root, XML_interface& xi);
+    bool set(QSharedPointer<Element>& self, Element* other, bool copy_children, bool notify, QMap<QUuid, QUuid> guid_map,
+             QSet<QByteArray> skip_attributes, bool copy_ids) override;
+    // A loaded binary list writes its file too, through the interface.
+    bool _save_xml(const QSharedPointer<Element>& self, QXmlStreamWriter& w, XML_interface& xi,
+                   XML_read_write_parts parts) override;
+
+private:
+    std::unique_ptr<Point_list> m_binary;
+};
 class KTD_EXPORT Polygon : public Element { KTD_ELEMENT_BODY(Polygon) };
 class KTD_EXPORT Position : public Element { KTD_ELEMENT_BODY(Position) };
 class KTD_EXPORT Process_data_variable : public Element { KTD_ELEMENT_BODY(Process_data_variable) };
