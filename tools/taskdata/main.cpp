@@ -4,8 +4,11 @@
 #include "check_command.h"
 #include "convert_command.h"
 #include "ddi_command.h"
+#include "fields_command.h"
 #include "generate_command.h"
 #include "info_command.h"
+#include "report_command.h"
+#include "shape_info_command.h"
 #include "tool_support.h"
 
 #if defined(KTD_HAVE_TIMELOG_COMMAND) && __has_include("timelog_command.h")
@@ -18,10 +21,13 @@
 #include <platform/util/Trace_print.h>
 
 #include <QCoreApplication>
+#include <QGuiApplication>
 #include <QFile>
 #include <QTextStream>
 
 #include <cstdio>
+#include <cstring>
+#include <memory>
 #include <unistd.h>
 
 namespace {
@@ -43,6 +49,10 @@ void print_help(QTextStream& s)
          "  ddi NUMBER|NAME            look a data dictionary entry up\n"
          "  timelog DIR [--tlg NAME] [--csv FILE]\n"
          "                             describe the time logs, write one as CSV\n"
+         "  fields DIR [--json]        per field: customer, farm, boundary area and perimeter, bounding box\n"
+         "  report DIR OUT [--us]      a report of DIR as HTML or PDF (by OUT's extension)\n"
+         "  shape-info FILE.shp [--json]\n"
+         "                             shape type and count, bounding box, numeric attribute ranges\n"
          "  help [COMMAND]             this text, or the usage of one command\n"
          "\n"
          "DIR is a task data directory or its main file; file names are found regardless of case.\n"
@@ -57,8 +67,8 @@ void print_help(QTextStream& s)
          "  1  check found problems; ddi matched nothing; timelog could not decode a time log\n"
          "  2  bad usage, or the input directory cannot be loaded (timelog: also the CSV file\n"
          "     cannot be written)\n"
-         "  3  the output could not be written: the output directory (convert, generate), or\n"
-         "     standard output of any command\n"
+         "  3  the output could not be written: the output directory (convert, generate), the\n"
+         "     report (report), or standard output of any command\n"
          "Warnings and errors are printed on standard error; --verbose and KTD_DEBUG add more.\n"
          "A progress line is shown on standard error while convert, generate and timelog --csv\n"
          "work, when standard error is a terminal.\n";
@@ -76,6 +86,12 @@ int run(const QString& command, const QStringList& rest, QTextStream& out, QText
         return run_generate_command(rest, out, err);
     if (command == QLatin1String("ddi"))
         return run_ddi_command(rest, out, err);
+    if (command == QLatin1String("fields"))
+        return run_fields_command(rest, out, err);
+    if (command == QLatin1String("report"))
+        return run_report_command(rest, out, err);
+    if (command == QLatin1String("shape-info"))
+        return run_shape_info_command(rest, out, err);
     if (command == QLatin1String("timelog")) {
 #ifdef KTD_TIMELOG_AVAILABLE
         return run_timelog_command(rest, out, err);
@@ -93,7 +109,12 @@ int run(const QString& command, const QStringList& rest, QTextStream& out, QText
 
 int main(int argc, char** argv)
 {
-    QCoreApplication app(argc, argv);
+    // A report lays out text, which needs the GUI module (offscreen: no display is used).
+    const bool gui = argc > 1 && std::strcmp(argv[1], "report") == 0;
+    if (gui && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    std::unique_ptr<QCoreApplication> app_holder(gui ? new QGuiApplication(argc, argv) : new QCoreApplication(argc, argv));
+    QCoreApplication& app = *app_holder;
     QCoreApplication::setApplicationName(QStringLiteral("taskdata"));
     QCoreApplication::setApplicationVersion(QStringLiteral(KTD_TOOL_VERSION));
     // The library prints some diagnostics on standard output; results must stay parseable

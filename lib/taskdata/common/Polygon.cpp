@@ -9,13 +9,9 @@ namespace TC {
 namespace Task_data {
 
 namespace {
-// QPolygonF::boundingRect, except that a single point gives an empty rectangle at that point,
-// which QRectF::contains would refuse for the point itself.
-QRectF box_of(const QPolygonF& ring)
-{
-    return ring.boundingRect();
-}
+QRectF box_of(const QPolygonF& ring) { return ring.boundingRect(); }
 
+// Closed on every side (QRectF::contains is not for rectangles of zero width).
 bool in_box(const QRectF& box, const QPointF& p)
 {
     return p.x() >= box.left() && p.x() <= box.right() && p.y() >= box.top() && p.y() <= box.bottom();
@@ -51,10 +47,12 @@ void Polygon::set_outer(const QPolygonF& ring)
 
 void Polygon::append(const QPointF& vertex)
 {
+    // By corners: QRectF::united ignores the empty rectangles of single points.
     if (m_outer.isEmpty())
-        m_outer_box = QRectF(vertex, QSizeF(0, 0));
+        m_outer_box = QRectF(vertex, vertex);
     else
-        m_outer_box = m_outer_box.united(QRectF(vertex, QSizeF(0, 0)));
+        m_outer_box.setCoords(qMin(m_outer_box.left(), vertex.x()), qMin(m_outer_box.top(), vertex.y()),
+                              qMax(m_outer_box.right(), vertex.x()), qMax(m_outer_box.bottom(), vertex.y()));
     m_outer.append(vertex);
 }
 
@@ -231,9 +229,10 @@ QList<Polygon> Polygon::polys_from_shape_file(const QString& path)
         }
     }
     if (!leftover.isEmpty()) {
-        QRectF box;
+        QPolygonF all;
         for (const Polyline& ring : leftover)
-            box = box.united(ring.boundingRect());
+            all += ring;
+        const QRectF box = all.boundingRect();
         Polygon rest(reference);
         rest.set_outer(QPolygonF({box.topLeft(), box.topRight(), box.bottomRight(), box.bottomLeft(), box.topLeft()}));
         rest.set_holes(leftover);

@@ -206,13 +206,9 @@ QString Element::get_attribute_tag(unsigned index) const
 
 QDateTime Element::find_latest_time() const { return QDateTime(); }
 
-bool Element::find_closest_point(QPointF, QPointF&, bool, double*) const { return false; }
+// find_closest_point, get_first_point and add_to_scene: Element_geometry.cpp.
 
-QPointF Element::get_first_point() const { return QPointF(); }
-
-void Element::add_to_scene(QGraphicsScene&, Scene&) {}
-
-void Element::document_export_extra(Export_properties&) {}
+// document_export and document_export_extra: elements/enhanced/Element_export.cpp.
 
 QString Element::_print(unsigned int indent) const
 {

@@ -154,6 +154,9 @@ public:
     // Writes the element through the interface's current writer.
     bool save_xml(XML_interface& xi);
     QString print(unsigned int indent = 0) const { return _print(indent); }
+    // Writes the element into a report at the properties' cursor: its name, a table of its
+    // values, what its kind adds (document_export_extra) and the children a report shows.
+    void document_export(Export_properties& props);
 
     // Attribute by XML name without building a string; null when the kind has none of that name.
     Attribute* find_attribute(QStringView name);
