@@ -30,7 +30,7 @@ die() {
 # What building and testing need. libxml2-utils: xmllint, which tests use to validate written
 # files against the schemas; clang and its runtimes: the sanitizer and fuzzing builds.
 base_packages=(cmake ninja-build g++ pkg-config qtbase5-dev qtbase5-dev-tools libqt5xml5 libqt5test5
-    libxml2-utils clang libclang-rt-14-dev)
+    libxml2-utils clang libclang-rt-14-dev libgeographiclib-dev libshp-dev)
 
 missing_packages() {
     local p

@@ -217,16 +217,21 @@ QList<Polygon> Polygon::polys_from_shape_file(const QString& path)
         Polygon first(reference);
         first.set_outer(shape.outer());
         out.append(first);
+        // Outer rings of the shape first, so that a hole finds its ring wherever it stands in
+        // the shape. Clockwise (negative area with y to the north) is how the format marks an
+        // outer ring.
+        QList<Polyline> inner;
         for (const Polyline& ring : shape.holes()) {
-            // Clockwise (negative area with y to the north) is how the format marks an outer ring.
             if (Polyline(ring, reference).compute_area() < 0.0) {
                 Polygon part(reference);
                 part.set_outer(ring);
                 out.append(part);
             } else {
-                place_hole(ring);
+                inner.append(ring);
             }
         }
+        for (const Polyline& ring : inner)
+            place_hole(ring);
     }
     if (!leftover.isEmpty()) {
         QPolygonF all;

@@ -63,11 +63,11 @@ public:
     QImage mask(const QRectF& area, const QSize& size, Qt::MaskMode mode, bool absolute = true) const;
 
     // The polygons of a polygon shapefile through the installed Shapefile_creator, all about the
-    // centre of the file's bounding box. Further rings of a shape become holes of the first
-    // polygon built so far that contains them; an outer ring of a multipart shape (clockwise,
-    // as the shapefile format orients outer rings) becomes a polygon of its own; rings inside
-    // no polygon end up as holes of one last polygon, the rectangle that bounds them. Empty
-    // without a reader or when the file cannot be opened.
+    // centre of the file's bounding box, in file order. A shape's first ring and every further
+    // clockwise ring (the format's outer rings: the parts of a multipart shape) become polygons;
+    // its other rings become holes of the first polygon built so far that contains them; rings
+    // inside no polygon end up as holes of one last polygon, the rectangle that bounds them.
+    // Empty without a reader or when the file cannot be opened.
     static QList<Polygon> polys_from_shape_file(const QString& path);
 
 private:
