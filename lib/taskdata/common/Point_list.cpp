@@ -190,16 +190,30 @@ qint64 Point_list::load_bin_data(const char* data, qint64 size)
 {
     const int rec = binrecsz();
     d->points.clear();
+    d->points.shrink_to_fit();
     d->loaded = true;
     d->modified = false;
     if (rec == 0 || size <= 0)
         return 0;
     const qint64 n = size / rec;
-    d->points.reserve(size_t(n));
+    // Every point starts as the default point; the fields of its record overwrite it. The
+    // designator is shared only when there is one (copying even an empty QString costs a
+    // reference count check per point).
+    const Point& def = d->defaults;
+    d->points.resize(size_t(n));
     const int mask = d->mask;
-    for (qint64 i = 0; i < n; ++i) {
-        const uchar* p = reinterpret_cast<const uchar*>(data) + i * rec;
-        Point pt = d->defaults;
+    const uchar* p = reinterpret_cast<const uchar*>(data);
+    for (Point& pt : d->points) {
+        pt.type = def.type;
+        pt.colour = def.colour;
+        pt.icon_id = def.icon_id;
+        pt.up = def.up;
+        pt.north = def.north;
+        pt.east = def.east;
+        pt.horizontal_accuracy = def.horizontal_accuracy;
+        pt.vertical_accuracy = def.vertical_accuracy;
+        if (!def.designator.isNull())
+            pt.designator = def.designator;
         if (mask & bit_type)
             pt.type = *p++;
         if (mask & bit_north) {
@@ -220,9 +234,10 @@ qint64 Point_list::load_bin_data(const char* data, qint64 size)
             pt.horizontal_accuracy = qFromLittleEndian<quint16>(p) * 0.001;
             p += 2;
         }
-        if (mask & bit_vertical_accuracy)
+        if (mask & bit_vertical_accuracy) {
             pt.vertical_accuracy = qFromLittleEndian<quint16>(p) * 0.001;
-        d->points.push_back(std::move(pt));
+            p += 2;
+        }
     }
     return n;
 }
