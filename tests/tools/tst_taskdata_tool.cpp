@@ -467,6 +467,10 @@ void Tst_taskdata_tool::check_faults_data()
         << QStringList{"bad_format TSK1/TLG1 A", "missing_file TSK1/TLG00001 A", "missing_file TSK1/TLG00001 A"};
     QTest::newRow("point file missing") << document(4, pfd("<PNT A=\"2\" C=\"\" D=\"\" J=\"PNT00001\"/>"))
                                         << QVariantMap{} << QStringList{"missing_file PFD1/PNT[1] J"};
+    QTest::newRow("point file of whole records") << document(4, pfd("<PNT A=\"2\" C=\"\" D=\"\" J=\"PNT00001\"/>"))
+                                                 << QVariantMap{{"PNT00001.BIN", 48}} << QStringList{};
+    QTest::newRow("point file cut") << document(4, pfd("<PNT A=\"2\" C=\"\" D=\"\" J=\"PNT00001\"/>"))
+                                    << QVariantMap{{"PNT00001.BIN", 40}} << QStringList{"file_size PFD1/PNT[1] J"};
     QTest::newRow("external file missing") << document(4, "<XFR A=\"CTR00001\" B=\"1\"/>\n") << QVariantMap{}
                                            << QStringList{"missing_file XFR[1] A"};
 }

@@ -625,9 +625,21 @@ void check_tree(const Loaded_dir& d, QVector<Problem>& problems)
 #endif
         } else if (auto p = e.dynamicCast<Point>()) {
             const QString name = p->filename.get_string();
-            if (!name.isEmpty())
-                check_file(d, problems, p.data(), QStringLiteral("J"), name + QStringLiteral(".BIN"),
-                           QStringLiteral("point file"), given_length(p->filelength), -1, QString());
+            if (name.isEmpty())
+                return;
+            check_file(d, problems, p.data(), QStringLiteral("J"), name + QStringLiteral(".BIN"),
+                       QStringLiteral("point file"), given_length(p->filelength), -1, QString());
+            // Without a length to compare, a file must at least hold whole records.
+            TC::Task_data::Point_list records;
+            records.from_element(*p, d.dir);
+            const QString path = find_in_dir(d.dir, name + QStringLiteral(".BIN"));
+            const qint64 size = path.isEmpty() ? 0 : file_size(path);
+            if (given_length(p->filelength) < 0 && records.binrecsz() > 0 && size % records.binrecsz() != 0)
+                problems.append({QStringLiteral("file_size"), element_path(p.data()), QStringLiteral("J"), QString(), 0,
+                                 QStringLiteral("%1 has %2 bytes, not a whole number of %3-byte point records")
+                                     .arg(QFileInfo(path).fileName())
+                                     .arg(size)
+                                     .arg(records.binrecsz())});
         } else if (auto a = e.dynamicCast<Attached_file>()) {
             const QString name = a->filename.get_string();
             if (!name.isEmpty())
