@@ -37,6 +37,8 @@ private slots:
     void contains_data();
     void contains();
     void image_and_mask();
+    void scene_coordinates_data();
+    void scene_coordinates();
     void polygons_from_shapefile_data();
     void polygons_from_shapefile();
     void polygons_from_gdal_shapefile();
@@ -280,6 +282,45 @@ QPolygonF square(double x, double y, double size, bool clockwise)
     return p;
 }
 } // namespace
+
+void Tst_geometry::scene_coordinates_data()
+{
+    QTest::addColumn<bool>("metres");
+    QTest::addColumn<bool>("absolute");
+    QTest::addColumn<QPointF>("scene"); // of (15.151, 48.132)
+    QTest::addColumn<QPointF>("step");  // of a step of (10 m, 20 m)
+    const QPointF ref(15.15, 48.13);
+    const SF_calc sf(ref);
+    const QPointF p(15.151, 48.132), d = p - ref;
+    QTest::newRow("degrees, absolute") << false << true << p << sf.from_metres(QPointF(10, 20));
+    QTest::newRow("degrees about the reference") << false << false << d << sf.from_metres(QPointF(10, 20));
+    QTest::newRow("metres win over absolute") << true << true << sf.to_metres(d) << QPointF(10, 20);
+}
+
+void Tst_geometry::scene_coordinates()
+{
+    QFETCH(bool, metres);
+    QFETCH(bool, absolute);
+    QFETCH(QPointF, scene);
+    QFETCH(QPointF, step);
+    Iso::Position::Fix fix;
+    fix.latitude = 48.2;
+    fix.longitude = 15.2;
+    fix.valid = true;
+    Scene s(QPointF(15.15, 48.13), Iso::Position(fix));
+    s.set_in_metres(metres);
+    s.set_absolute_degrees(absolute);
+    QCOMPARE(s.llh_to_scene(QPointF(15.151, 48.132)), scene);
+    QCOMPARE(s.dmetres_to_dscene(QPointF(10, 20)), step);
+    // The terminal's marker stands at the copied position, whatever the reference.
+    QGraphicsScene graphics;
+    Scene_utils::add_observer_to_scene(graphics, s, QSizeF(4, 6), 90.0);
+    QCOMPARE(graphics.items().size(), 1);
+    const QPointF at = s.llh_to_scene(QPointF(15.2, 48.2));
+    QVERIFY(graphics.itemsBoundingRect().contains(at));
+    QVERIFY(graphics.itemsBoundingRect().width() > graphics.itemsBoundingRect().height() * (metres ? 1.2 : 0.0));
+    QCOMPARE(Scene().current_valid(), false); // no fix: no marker
+}
 
 void Tst_geometry::polygons_from_shapefile_data()
 {
