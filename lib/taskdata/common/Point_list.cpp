@@ -3,12 +3,9 @@
 #include "File_lookup.h"
 #include "XML_interface.h"
 
-#include <taskdata/elements/base/Catalogue.h>
-
 #include <QFile>
 #include <QFileInfo>
 #include <QSharedData>
-#include <QXmlStreamReader>
 #include <QXmlStreamWriter>
 #include <QtEndian>
 
@@ -17,8 +14,6 @@
 
 namespace TC {
 namespace Task_data {
-
-using Base_point = Elements::Base::Point;
 
 struct Point_list::Data : QSharedData
 {
@@ -342,127 +337,6 @@ bool Point_list::save_bin(QXmlStreamWriter& w, XML_interface& xi) const
     w.writeAttribute(QStringLiteral("K"), QString::number(qint64(binrecsz()) * qint64(d->points.size())));
     w.writeEndElement();
     return write_bin(xi);
-}
-
-// --- in a task data tree ---
-
-namespace {
-// Element attributes in record order: the bit each one stands for.
-template <class F>
-void for_each_field(Base_point& e, const F& f)
-{
-    f(Point_list::bit_type, e.type);
-    f(Point_list::bit_north, e.north);
-    f(Point_list::bit_east, e.east);
-    f(Point_list::bit_up, e.up);
-    f(Point_list::bit_colour, e.colour);
-    f(Point_list::bit_horizontal_accuracy, e.horizontal_accuracy);
-    f(Point_list::bit_vertical_accuracy, e.vertical_accuracy);
-}
-} // namespace
-
-void Point_list::from_element(const Elements::Base::Element& element, const QString& dir)
-{
-    auto& e = const_cast<Base_point&>(static_cast<const Base_point&>(element));
-    int mask = 0;
-    for_each_field(e, [&](int bit, const Attributes::Base::Attribute& a) {
-        if (a.present() && a.empty_text())
-            mask |= bit;
-    });
-    Point& p = d->defaults;
-    p.type = quint8(e.type.get_val());
-    p.designator = e.designator.get_string();
-    p.north = e.north.get_val();
-    p.east = e.east.get_val();
-    p.up = e.up.get_val();
-    p.colour = e.colour.get_val();
-    p.horizontal_accuracy = e.horizontal_accuracy.get_val();
-    p.vertical_accuracy = e.vertical_accuracy.get_val();
-    p.icon_id = e.icon_id.get_val();
-    const QString name = e.filename.get_string();
-    set_binary(!name.isEmpty(), mask);
-    set_file(name, dir, e.filelength.valid() ? e.filelength.get_val() : 0);
-    d->loaded = false;
-}
-
-void Point_list::to_element(Elements::Base::Element& element) const
-{
-    auto& e = static_cast<Base_point&>(element);
-    using Attributes::Base::Attribute;
-    const Point& p = d->defaults;
-    auto value = [&](auto& a, auto v) {
-        // A field that the file no longer carries, or a shared value that changed, is written.
-        if (a.empty_text() || a.get_val() != v) {
-            a.set_val_noevent(v);
-            a.set_flag_noevent(Attribute::flag_empty, false);
-            a.set_flag_noevent(Attribute::flag_present, true);
-        }
-    };
-    for_each_field(e, [&](int bit, Attribute& a) {
-        if (d->mask & bit)
-            a.set_flags_noevent(Attribute::flag_present | Attribute::flag_empty);
-    });
-    if (!(d->mask & bit_type))
-        value(e.type, qint8(p.type));
-    if (!(d->mask & bit_north))
-        value(e.north, p.north);
-    if (!(d->mask & bit_east))
-        value(e.east, p.east);
-    if (!(d->mask & bit_up))
-        value(e.up, p.up);
-    if (!(d->mask & bit_colour))
-        value(e.colour, p.colour);
-    if (!(d->mask & bit_horizontal_accuracy))
-        value(e.horizontal_accuracy, p.horizontal_accuracy);
-    if (!(d->mask & bit_vertical_accuracy))
-        value(e.vertical_accuracy, p.vertical_accuracy);
-    if (!d->binary)
-        return;
-    e.filename.set_string_noevent(d->file_name);
-    e.filename.set_flag_noevent(Attribute::flag_empty, false);
-    e.filename.set_flag_noevent(Attribute::flag_present, true);
-    if (d->modified) {
-        e.filelength.set_val_noevent(quint32(qint64(binrecsz()) * qint64(d->points.size())));
-        e.filelength.set_flag_noevent(Attribute::flag_empty, false);
-        e.filelength.set_flag_noevent(Attribute::flag_present, true);
-    }
-}
-
-bool Point_list::load_xml(const QSharedPointer<Elements::Base::Element>& element, QXmlStreamReader& r,
-                          XML_interface& xi)
-{
-    if (!element || std::strcmp(element->kind().tag, "PNT") != 0)
-        return false;
-    if (!element->load_xml(element, r, xi))
-        return false;
-    from_element(*element, xi.output_dir());
-    if (!d->binary) {
-        d->points.assign(1, d->defaults);
-        return true;
-    }
-    xi.infilepath(d->file_name + QStringLiteral(".BIN")); // noted as used, or reported missing
-    return load_bin();
-}
-
-bool Point_list::save_xml(const QSharedPointer<Elements::Base::Element>& element, QXmlStreamWriter& w,
-                          XML_interface& xi) const
-{
-    if (!element || std::strcmp(element->kind().tag, "PNT") != 0)
-        return false;
-    if (d->binary) {
-        to_element(*element);
-        return element->save_xml(element, w, xi) && (!d->modified || write_bin(xi));
-    }
-    // One element per point, each written through the given element's other attributes.
-    auto& e = static_cast<Base_point&>(*element);
-    for (const Point& p : d->points) {
-        Point_list one;
-        one.d->defaults = p;
-        one.to_element(e);
-        if (!element->save_xml(element, w, xi))
-            return false;
-    }
-    return true;
 }
 
 } // namespace Task_data
