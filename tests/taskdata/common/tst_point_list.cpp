@@ -11,6 +11,7 @@
 #include <taskdata/elements/base/Element_man.h>
 
 #include <QBuffer>
+#include <QXmlStreamWriter>
 #include <QtEndian>
 #include <QtTest>
 
@@ -93,6 +94,7 @@ private slots:
     void accuracy_rule_data();
     void accuracy_rule();
     void index_beyond_count();
+    void save_bin_element();
     void directory_round_trip();
     void corpus_points_round_trip();
 };
@@ -236,6 +238,28 @@ void Tst_point_list::index_beyond_count()
     QVERIFY(!l.remove_point(1));
     QVERIFY(l.remove_point(0));
     QCOMPARE(l.get_num_points(), 0u);
+}
+
+void Tst_point_list::save_bin_element()
+{
+    QTemporaryDir tmp;
+    Point_list l;
+    l.set_binary(true, Point_list::bit_north | Point_list::bit_east);
+    l.set_file(QStringLiteral("PNT00007"), QString());
+    l.default_point().type = 2;
+    l.default_point().designator = QStringLiteral("B1");
+    l.default_point().horizontal_accuracy = 0.5;
+    l.append_point(48.1, 15.1);
+    l.append_point(48.2, 15.2);
+    QByteArray xml;
+    QXmlStreamWriter w(&xml);
+    XML_interface xi(tmp.path());
+    QVERIFY(l.save_bin(w, xi));
+    // Fields of the file empty, shared values as numbers, the file's name and length.
+    QCOMPARE(xml, QByteArray("<PNT A=\"2\" B=\"B1\" C=\"\" D=\"\" E=\"0\" F=\"0\" H=\"0.5\" I=\"0\" J=\"PNT00007\" "
+                             "K=\"32\"/>"));
+    QCOMPARE(read_file(tmp.filePath("PNT00007.BIN")), l.bin_records());
+    QCOMPARE(l.bin_records().size(), 32);
 }
 
 void Tst_point_list::directory_round_trip()
