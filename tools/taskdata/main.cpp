@@ -109,10 +109,11 @@ int run(const QString& command, const QStringList& rest, QTextStream& out, QText
 
 int main(int argc, char** argv)
 {
-    // A report lays out text, which needs the GUI module (offscreen: no display is used).
+    // A report lays out text, which needs the GUI module; no display is used (the minimal
+    // platform with the system's fonts).
     const bool gui = argc > 1 && std::strcmp(argv[1], "report") == 0;
     if (gui && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
-        qputenv("QT_QPA_PLATFORM", "offscreen");
+        qputenv("QT_QPA_PLATFORM", "minimal:enable_fonts");
     std::unique_ptr<QCoreApplication> app_holder(gui ? new QGuiApplication(argc, argv) : new QCoreApplication(argc, argv));
     QCoreApplication& app = *app_holder;
     QCoreApplication::setApplicationName(QStringLiteral("taskdata"));
