@@ -572,8 +572,9 @@ void Tst_xml_interface::older_version_kept_unless_content_needs_newer_data()
     QTest::addColumn<QByteArray>("written_point");
     QTest::newRow("version 3 content") << QByteArray("2") << 0 << QByteArray("3") << QByteArray("A=\"2\"");
     QTest::newRow("version 4 point type") << QByteArray("10") << 0 << QByteArray("4") << QByteArray("A=\"10\"");
-    // Asked for explicitly, version 3 is written and the value it lacks is replaced.
-    QTest::newRow("version 3 asked for") << QByteArray("10") << 3 << QByteArray("3") << QByteArray("A=\"0\"");
+    // Asked for explicitly, version 3 is written and the value it lacks is replaced by the
+    // nearest value its schema allows.
+    QTest::newRow("version 3 asked for") << QByteArray("10") << 3 << QByteArray("3") << QByteArray("A=\"1\"");
 }
 
 void Tst_xml_interface::older_version_kept_unless_content_needs_newer()

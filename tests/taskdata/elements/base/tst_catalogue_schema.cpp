@@ -1,0 +1,314 @@
+// The catalogue against the published schemas: every attribute of every kind, for format version
+// 4 (V4-3) and 3 (V3-3), read with the smallest and the largest value its schema allows and
+// written back for that version unchanged; a required attribute's default is a value the schema
+// allows; and an attribute is written only for versions whose schema has it. Each row whose
+// published limits the catalogue had to widen (KTD_LISTED_LIMITS) is printed, and the table is
+// checked to hold exactly the rows that need it.
+#include <taskdata/elements/base/Catalogue.h>
+#include <taskdata/elements/base/Element_man.h>
+
+#include "test_support.h"
+
+#include <QDomDocument>
+#include <QFile>
+#include <QtTest>
+
+#include <cmath>
+#include <limits>
+#include <type_traits>
+
+using namespace TC::Task_data::Attributes::Base;
+using namespace TC::Task_data::Elements::Base;
+
+namespace {
+
+// What a schema says of one attribute.
+struct Facets
+{
+    QString base;   // restriction base or declared type ("xs:unsignedByte", "xs:dateTime", ...)
+    bool required = false;
+    bool empty_allowed = false; // a union with the empty string
+    QString min, max;
+    QStringList enumeration;
+    int length = -1, max_length = -1;
+};
+using Schema = QHash<QString, QHash<QString, Facets>>; // element -> attribute -> facets
+
+QDomElement child(const QDomElement& e, const char* name)
+{
+    return e.firstChildElement(QString("xs:") + name);
+}
+
+void read_restriction(const QDomElement& r, Facets& f)
+{
+    f.base = r.attribute("base");
+    for (QDomElement c = r.firstChildElement(); !c.isNull(); c = c.nextSiblingElement()) {
+        const QString v = c.attribute("value");
+        if (c.tagName() == "xs:minInclusive")
+            f.min = v;
+        else if (c.tagName() == "xs:maxInclusive")
+            f.max = v;
+        else if (c.tagName() == "xs:enumeration")
+            f.enumeration << v;
+        else if (c.tagName() == "xs:length")
+            f.length = v.toInt();
+        else if (c.tagName() == "xs:maxLength")
+            f.max_length = v.toInt();
+    }
+}
+
+bool load_schema(const QString& path, Schema& schema)
+{
+    QFile file(path);
+    QDomDocument doc;
+    if (!file.open(QIODevice::ReadOnly) || !doc.setContent(&file))
+        return false;
+    for (QDomElement e = doc.documentElement().firstChildElement("xs:element"); !e.isNull();
+         e = e.nextSiblingElement("xs:element")) {
+        auto& attributes = schema[e.attribute("name")];
+        for (QDomElement a = child(child(e, "complexType"), "attribute"); !a.isNull();
+             a = a.nextSiblingElement("xs:attribute")) {
+            Facets f;
+            f.required = a.attribute("use") == "required";
+            f.base = a.attribute("type");
+            QDomElement type = child(a, "simpleType");
+            if (QDomElement u = child(type, "union"); !u.isNull()) {
+                f.empty_allowed = u.attribute("memberTypes").contains("emptyString");
+                type = child(u, "simpleType");
+            }
+            if (QDomElement r = child(type, "restriction"); !r.isNull())
+                read_restriction(r, f);
+            attributes.insert(a.attribute("name"), f);
+        }
+    }
+    return true;
+}
+
+// The schemas of a major version: V4-3 (with its common part and the link list) or V3-3.
+const Schema* schema_for(int version)
+{
+    static QHash<int, Schema> cache;
+    if (!cache.contains(version)) {
+        const QString xsd = Ktd_test::shared_dir() + "/isoxml/xsd/";
+        const QStringList files = version == 3 ? QStringList{"ISO11783_TaskFile_V3-3.xsd"}
+                                               : QStringList{"ISO11783_TaskFile_V4-3.xsd", "ISO11783_Common_V4-3.xsd",
+                                                             "ISO11783_LinkListFile_V4-3.xsd"};
+        Schema s;
+        for (const QString& f : files)
+            if (!load_schema(xsd + f, s))
+                return nullptr;
+        cache.insert(version, s);
+    }
+    return &cache[version];
+}
+
+// --- integer limits ---
+
+struct Range
+{
+    qint64 min = 0;
+    quint64 max = 0; // unsigned: NAME values reach 2^64 - 1
+    QList<qint64> values; // an enumeration, when the schema has one
+};
+
+Range schema_range(const Facets& f)
+{
+    Range r;
+    if (!f.enumeration.isEmpty()) {
+        for (const QString& v : f.enumeration)
+            r.values << v.toLongLong();
+        std::sort(r.values.begin(), r.values.end());
+        r.min = r.values.first();
+        r.max = quint64(r.values.last());
+        return r;
+    }
+    if (f.base == "xs:hexBinary") {
+        r.max = f.length >= 8 ? ~0ull : (1ull << (8 * f.length)) - 1;
+    } else if (f.base == "xs:unsignedByte") {
+        r.max = 255;
+    } else if (f.base == "xs:unsignedShort") {
+        r.max = 65535;
+    } else if (f.base == "xs:unsignedLong") {
+        r.max = ~0ull;
+    } else {
+        r.min = std::numeric_limits<qint64>::min();
+        r.max = quint64(std::numeric_limits<qint64>::max());
+    }
+    if (!f.min.isEmpty())
+        r.min = f.min.toLongLong();
+    if (!f.max.isEmpty())
+        r.max = f.max.toULongLong();
+    return r;
+}
+
+bool allows(const Range& r, qint64 v)
+{
+    if (!r.values.isEmpty())
+        return r.values.contains(v);
+    return v >= r.min && (v < 0 || quint64(v) <= r.max);
+}
+
+struct Walk_row
+{
+    QString tag;
+    unsigned index;
+    int version;
+};
+
+// Published limits the catalogue widens, by spec.
+struct Listed
+{
+    const Attribute::Spec* spec;
+    qint64 min, max, def;
+};
+#define KTD_LISTED_ROW(Cls, member, mn, mx, d) {&Cls::member, qint64(mn), qint64(mx), qint64(d)},
+#define KTD_LISTED_LENGTH(Cls, member, len) {&Cls::member, 0, qint64(len), 0},
+const QVector<Listed> listed_limits = {KTD_LISTED_LIMITS(KTD_LISTED_ROW) KTD_LISTED_LENGTHS(KTD_LISTED_LENGTH)};
+#undef KTD_LISTED_ROW
+#undef KTD_LISTED_LENGTH
+
+const Listed* listed_for(const Attribute::Spec* spec)
+{
+    for (const Listed& l : listed_limits)
+        if (l.spec == spec)
+            return &l;
+    return nullptr;
+}
+
+QString read_and_write(const QSharedPointer<Element>& e, Attribute* a, const QString& text, int version)
+{
+    Ktd_test::Capture_fd quiet(2);
+    a->set_by_xml_value(e, text);
+    QString out;
+    if (!a->xml_value(out, e.data(), version))
+        return "<not written>";
+    return out;
+}
+
+// Problems of one integer attribute against its schema range; `listed` replaces the catalogue's
+// limits of the chosen spec by the published ones.
+template <class T>
+bool integer_problems(Attribute* a, const QSharedPointer<Element>& e, const Range& r, const Facets& f, int version,
+                      QStringList& problems, QStringList& widened)
+{
+    auto i = dynamic_cast<Integer<T>*>(a);
+    if (!i)
+        return false;
+    const auto& base = i->base_spec();
+    const auto& spec = choose_variant(base, version);
+    auto text = [&](qint64 v) {
+        return std::is_signed<T>::value ? Number_text::format_integer(v, spec.base, spec.width)
+                                        : Number_text::format_unsigned(quint64(v), spec.base, spec.width);
+    };
+    const qint64 smallest = r.min;
+    const qint64 largest = qint64(std::min<quint64>(r.max, quint64(std::numeric_limits<T>::max())));
+    if (quint64(std::numeric_limits<T>::max()) < r.max && !std::is_same<T, quint64>::value)
+        problems << QString("kind too narrow for %1").arg(r.max);
+    for (qint64 v : {smallest, largest}) {
+        const QString got = read_and_write(e, a, text(v), version);
+        if (got != text(v))
+            problems << QString("%1 comes back as %2").arg(text(v), got);
+    }
+    if (f.required && !allows(r, qint64(spec.def)))
+        problems << QString("default %1 is outside the schema").arg(qint64(spec.def));
+    const auto fits = [&](qint64 mn, qint64 mx, qint64 def) {
+        return mn <= smallest && mx >= largest && (!f.required || allows(r, def));
+    };
+    const Listed* l = listed_for(&spec);
+    if (l) {
+        if (fits(l->min, l->max, l->def))
+            problems << "listed limits need no widening";
+        widened << QString("%1..%2 default %3 -> %4..%5 default %6")
+                       .arg(l->min).arg(l->max).arg(l->def)
+                       .arg(qint64(spec.min)).arg(qint64(spec.max)).arg(qint64(spec.def));
+    }
+    return true;
+}
+
+} // namespace
+
+class Tst_catalogue_schema : public QObject
+{
+    Q_OBJECT
+private slots:
+    void attribute_data();
+    void attribute();
+};
+
+void Tst_catalogue_schema::attribute_data()
+{
+    QTest::addColumn<QString>("tag");
+    QTest::addColumn<int>("index");
+    QTest::addColumn<int>("version");
+    for (const Kind_info* k : Catalogue::kinds())
+        for (unsigned i = 0; i < k->num_attributes; ++i) {
+            const Attribute::Spec* s = k->attribute_specs[i];
+            if (s->is_proprietary())
+                continue;
+            for (int version : {3, 4})
+                if (s->version <= version)
+                    QTest::addRow("%s %s v%d", k->tag, s->name, version) << QString(k->tag) << int(i) << version;
+        }
+}
+
+void Tst_catalogue_schema::attribute()
+{
+    KTD_REQUIRE_SHARED(shared);
+    QFETCH(QString, tag);
+    QFETCH(int, index);
+    QFETCH(int, version);
+    const Schema* schema = schema_for(version);
+    QVERIFY(schema);
+    if (!schema->contains(tag))
+        QSKIP("the kind does not exist in this version");
+    auto man = Element_man::create();
+    auto e = Catalogue::create(tag, man);
+    Attribute* a = e->_attribute(unsigned(index));
+    const QString name = a->xml_name();
+    const auto& attributes = schema->value(tag);
+    QVERIFY2(attributes.contains(name), "written for a version whose schema does not have it");
+    const Facets f = attributes.value(name);
+    QStringList problems, widened;
+    if (f.base.endsWith("ID") || f.base.endsWith("IDREF") || f.base == "xs:dateTime")
+        return; // identifiers, references and date-times have tests of their own
+    if (auto s = dynamic_cast<String*>(a)) {
+        const int allowed = (f.length > 0 ? f.length : f.max_length) * (f.base == "xs:hexBinary" ? 2 : 1);
+        const auto& spec = choose_variant(s->base_spec(), version);
+        const QString longest(allowed, QLatin1Char('0'));
+        const QString got = read_and_write(e, a, longest, version);
+        if (got != longest)
+            problems << QString("a text of %1 characters comes back with %2").arg(allowed).arg(got.size());
+        if (const Listed* l = listed_for(&spec)) {
+            if (l->max >= allowed)
+                problems << "listed length needs no widening";
+            widened << QString("max %1 characters -> %2").arg(l->max).arg(spec.max_length);
+        }
+    } else if (auto fl = dynamic_cast<Float*>(a)) {
+        const auto& spec = choose_variant(fl->base_spec(), version);
+        for (const QString& v : {f.min, f.max}) {
+            if (v.isEmpty())
+                continue;
+            const QString text = Float::format(v.toDouble());
+            const QString got = read_and_write(e, a, v, version);
+            if (got != text)
+                problems << QString("%1 comes back as %2").arg(v, got);
+        }
+        if (f.required && !(spec.def >= f.min.toDouble() && spec.def <= f.max.toDouble()))
+            problems << QString("default %1 is outside the schema").arg(spec.def);
+    } else {
+        const Range r = schema_range(f);
+        QVERIFY(integer_problems<qint8>(a, e, r, f, version, problems, widened) ||
+                integer_problems<quint8>(a, e, r, f, version, problems, widened) ||
+                integer_problems<qint16>(a, e, r, f, version, problems, widened) ||
+                integer_problems<quint16>(a, e, r, f, version, problems, widened) ||
+                integer_problems<qint32>(a, e, r, f, version, problems, widened) ||
+                integer_problems<quint32>(a, e, r, f, version, problems, widened) ||
+                integer_problems<quint64>(a, e, r, f, version, problems, widened));
+    }
+    for (const QString& w : widened)
+        qInfo("widened %s %s v%d: %s", qPrintable(tag), qPrintable(name), version, qPrintable(w));
+    QVERIFY2(problems.isEmpty(), qPrintable(problems.join("; ")));
+}
+
+QTEST_MAIN(Tst_catalogue_schema)
+#include "tst_catalogue_schema.moc"
