@@ -79,7 +79,7 @@ bool check_integer(Attribute* a, QStringView text, int version, Value_verdict& o
     const typename Integer<T>::Spec& s = choose_variant(i->base_spec(), version);
     bool ok = false;
     bool in_range = false;
-    if constexpr (std::is_same<T, quint64>::value) {
+    if constexpr (std::is_unsigned<T>::value) {
         const quint64 v = Number_text::parse_unsigned(text, s.base, &ok);
         in_range = v >= quint64(s.min) && v <= quint64(s.max);
     } else {
@@ -448,9 +448,12 @@ private:
         Value_verdict v;
         if (auto s = dynamic_cast<String*>(a)) {
             const quint32 max = choose_variant(s->base_spec(), m_version).max_length;
-            if (quint32(text.size()) > max)
+            const QString whole = text.toString();
+            if (String::cut_position(whole, max) < whole.size())
                 report(QStringLiteral("too_long"),
-                       QStringLiteral("has %1 characters; %2 are allowed and the rest is cut").arg(text.size()).arg(max));
+                       QStringLiteral("has %1 characters; %2 are allowed and the rest is cut")
+                           .arg(whole.toUcs4().size())
+                           .arg(max));
             return;
         }
         if (dynamic_cast<Datetime*>(a)) {

@@ -43,6 +43,9 @@ bool Float::parse(QStringView text, double& out)
             double v = 0;
             auto r = std::from_chars(first, buf + n, v, std::chars_format::general);
             if (r.ec == std::errc() && r.ptr == buf + n) {
+                // "inf" and "nan" are no numbers of the format.
+                if (!std::isfinite(v))
+                    return false;
                 out = v;
                 return true;
             }
@@ -50,9 +53,10 @@ bool Float::parse(QStringView text, double& out)
     }
     bool ok = false;
     const double v = text.toString().toDouble(&ok);
-    if (ok)
-        out = v;
-    return ok;
+    if (!ok || !std::isfinite(v))
+        return false;
+    out = v;
+    return true;
 }
 
 bool Float::_set_val(double value, bool valid)
@@ -87,8 +91,8 @@ bool Float::_set_by_xml_value(const QSharedPointer<Element>& owner, QStringView 
     }
     double v = 0;
     const bool ok = parse(text, v);
-    // A text that is no number leaves 0 (clamped) and the valid flag cleared, silently.
-    changed |= _set_val(ok ? v : 0.0, ok);
+    // A text that is no finite number stands for nothing: the default, valid flag cleared, silently.
+    changed |= _set_val(ok ? v : base_spec().def, ok);
     if (changed)
         notify_updated(owner);
     return ok;

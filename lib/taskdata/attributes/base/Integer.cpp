@@ -71,9 +71,14 @@ quint64 parse_unsigned(QStringView text, int base, bool* ok)
 {
     quint64 mag = 0;
     bool neg = false;
-    if (fast_digits(text, base, mag, neg) && !neg) {
-        *ok = true;
-        return mag;
+    if (fast_digits(text, base, mag, neg)) {
+        // A minus sign is no part of an unsigned number ("-1" is not 65535), but "-0" is zero.
+        *ok = !neg || mag == 0;
+        return neg ? 0 : mag;
+    }
+    if (text.trimmed().startsWith(QLatin1Char('-'))) {
+        *ok = false;
+        return 0;
     }
     if (base == 16)
         return (QStringLiteral("0x") + text.toString()).toULongLong(ok, 16);
@@ -162,8 +167,8 @@ bool Integer<T>::_set_by_xml_value(const QSharedPointer<Element>& owner, QString
     bool ok = false;
     qint64 parsed;
     T value;
-    if (std::is_same<T, quint64>::value) {
-        // A NAME does not fit a signed 64-bit parse; read it unsigned so it keeps its value.
+    if (std::is_unsigned<T>::value) {
+        // Unsigned: a NAME does not fit a signed 64-bit parse, and a negative text is no value.
         const quint64 u = Number_text::parse_unsigned(text, s.base, &ok);
         parsed = qint64(u);
         value = T(u);
@@ -171,7 +176,16 @@ bool Integer<T>::_set_by_xml_value(const QSharedPointer<Element>& owner, QString
         parsed = Number_text::parse_integer(text, s.base, &ok);
         value = static_cast<T>(parsed);
     }
-    const bool value_changed = _set_val(value, ok);
+    bool value_changed;
+    if (ok) {
+        value_changed = _set_val(value, true);
+    } else {
+        // A text that is no value of the kind stands for nothing: the default takes its
+        // place, unclamped, so that a default meaning "none" (outside the range) stays none.
+        value_changed = m_value != s.def;
+        m_value = s.def;
+        value_changed |= set_flag_noevent(flag_valid, false);
+    }
     if (flags_changed || value_changed)
         notify_updated(owner);
     if (!text.isEmpty() && !ok) {
@@ -192,8 +206,13 @@ bool Integer<T>::_xml_value(QString& out, Element*, int version) const
     }
     const Spec& s = choose_variant(base_spec(), version);
     T v = m_value;
-    if (v > s.max || v < s.min)
+    if (v > s.max || v < s.min) {
+        // An optional attribute whose default lies outside its range has no value to stand
+        // in for it: it is left out rather than written with a value the format refuses.
+        if ((s.def > s.max || s.def < s.min) && !s.required)
+            return false;
         v = s.def;
+    }
     if (std::is_signed<T>::value)
         out = Number_text::format_integer(qint64(v), s.base, s.width);
     else

@@ -9,12 +9,23 @@ namespace Task_data {
 namespace Attributes {
 namespace Base {
 
+int String::cut_position(const QString& text, quint32 max_length)
+{
+    // UTF-16 units never number fewer than characters: a text that short needs no counting.
+    if (quint32(text.size()) <= max_length)
+        return text.size();
+    int i = 0;
+    for (quint32 n = 0; n < max_length && i < text.size(); ++n)
+        i += text.at(i).isHighSurrogate() && i + 1 < text.size() && text.at(i + 1).isLowSurrogate() ? 2 : 1;
+    return i;
+}
+
 bool String::_set_string(const QString& text, bool valid)
 {
-    const quint32 max = base_spec().max_length;
+    const int keep = cut_position(text, base_spec().max_length);
     bool changed;
-    if (quint32(text.size()) > max) {
-        const QString cut = text.left(int(max));
+    if (keep < text.size()) {
+        const QString cut = text.left(keep);
         changed = cut != m_text;
         m_text = cut;
     } else {
@@ -50,8 +61,7 @@ bool String::_xml_value(QString& out, Element*, int version) const
     }
     const Spec& s = choose_variant(base_spec(), version);
     out = s.uppercase ? m_text.toUpper() : m_text;
-    if (quint32(out.size()) > s.max_length)
-        out.truncate(int(s.max_length));
+    out.truncate(cut_position(out, s.max_length));
     return true;
 }
 

@@ -1,4 +1,5 @@
-// String attribute: text truncated to the spec's maximum length, optionally upper-cased on output.
+// String attribute: text cut to the spec's maximum length in characters, optionally upper-cased on
+// output.
 // Also the kind of every attribute an element does not declare (Extra_string), so that such
 // attributes survive a read and a write unchanged. Thread: the holder of the owning element's lock.
 #pragma once
@@ -50,6 +51,10 @@ public:
         return false;
     }
     bool _set_from_ui_state(const QSharedPointer<Element>&, const UI::Attribute_ui_state&) override { return false; }
+
+    // Where a text is cut to `max_length` characters: lengths count characters (a pair of
+    // UTF-16 surrogates is one), and a cut never separates the two halves of a pair.
+    static int cut_position(const QString& text, quint32 max_length);
 
 protected:
     bool _set_string(const QString& text, bool valid);

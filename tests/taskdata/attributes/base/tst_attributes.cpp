@@ -110,7 +110,8 @@ void Tst_attributes::read_and_write_data()
     QTest::newRow("only new version allows") << "percent" << "51" << true << "51" << "7";
     QTest::newRow("upper edge old version") << "percent" << "50" << true << "50" << "50";
     QTest::newRow("empty written empty") << "percent" << "" << false << "" << "";
-    QTest::newRow("garbage") << "percent" << "4x" << false << "0" << "0";
+    // A text that is no value of the kind reads as the default.
+    QTest::newRow("garbage is the default") << "percent" << "4x" << false << "9" << "9";
     QTest::newRow("int8 negative edge") << "int8" << "-1" << true << "-1" << "-1";
     QTest::newRow("int8 below") << "int8" << "-2" << true << "-1" << "-1";
     // The parsed number is narrowed to the kind's width before it is clamped.
@@ -119,7 +120,10 @@ void Tst_attributes::read_and_write_data()
     QTest::newRow("hex ddi") << "ddi" << "00D4" << true << "00D4" << "00D4";
     QTest::newRow("hex lower case read") << "ddi" << "dfFe" << true << "DFFE" << "DFFE";
     QTest::newRow("hex padded on output") << "ddi" << "1" << true << "0001" << "0001";
-    QTest::newRow("hex with prefix is no number") << "ddi" << "0x12" << false << "0000" << "0000";
+    QTest::newRow("hex with prefix is no number") << "ddi" << "0x12" << false << "FFFF" << "FFFF";
+    QTest::newRow("hex minus one is no number") << "ddi" << "-1" << false << "FFFF" << "FFFF";
+    QTest::newRow("unsigned negative is no number") << "uint32" << "-5" << false << "0" << "0";
+    QTest::newRow("unsigned minus zero is zero") << "uint8" << "-0" << true << "0" << "0";
     QTest::newRow("int32 min") << "int32" << "-2147483648" << true << "-2147483648" << "-2147483648";
     QTest::newRow("int32 max") << "int32" << "2147483647" << true << "2147483647" << "2147483647";
     QTest::newRow("int32 overflow narrows") << "int32" << "2147483648" << true << "-2147483648" << "-2147483648";
@@ -134,9 +138,17 @@ void Tst_attributes::read_and_write_data()
                                       << "52.12345678900000";
     QTest::newRow("float clamps") << "north" << "91" << true << "90.00000000000000" << "90.00000000000000";
     QTest::newRow("float empty") << "north" << "" << false << "" << "";
+    QTest::newRow("infinity is no number") << "north" << "Infinity" << false << "0.00000000000000" << "0.00000000000000";
+    QTest::newRow("inf is no number") << "north" << "-inf" << false << "0.00000000000000" << "0.00000000000000";
+    QTest::newRow("nan is no number") << "north" << "nan" << false << "0.00000000000000" << "0.00000000000000";
     QTest::newRow("string upper on output") << "upper" << "abcDEF" << true << "ABCDEF" << "ABCDEF";
     QTest::newRow("string truncated on input") << "upper" << "abcdefghij" << true << "ABCDEFGH" << "ABCDEFGH";
     QTest::newRow("string variant truncates") << "label" << "0123456789xyz" << true << "0123456789" << "0123";
+    // Lengths count characters; a cut never splits a surrogate pair into invalid XML.
+    QTest::newRow("pair counts once") << "upper" << QString("abcdefg\U0001F600") << true
+                                      << QString("ABCDEFG\U0001F600") << QString("ABCDEFG\U0001F600");
+    QTest::newRow("variant cut after a pair") << "label" << QString("abc\U0001F600xyz") << true
+                                              << QString("abc\U0001F600xyz") << QString("abc\U0001F600");
     QTest::newRow("string empty") << "label" << "" << true << "" << "";
 }
 

@@ -31,6 +31,7 @@ struct Sample_attribute
     bool proprietary;
     QString v3_text; // what format version 3 writes
     bool link;
+    bool v3_left_out = false; // out of version 3's range with no default it allows
 };
 
 template <class T>
@@ -50,7 +51,9 @@ bool integer_sample(Attribute* a, bool empty, Sample_attribute& s)
     }
     s.text = text(spec.max, spec);
     const auto& v3 = choose_variant(spec, 3);
-    s.v3_text = text(spec.max > v3.max || spec.max < v3.min ? v3.def : spec.max, v3);
+    const bool outside = spec.max > v3.max || spec.max < v3.min;
+    s.v3_text = text(outside ? v3.def : spec.max, v3);
+    s.v3_left_out = outside && !v3.required && (v3.def > v3.max || v3.def < v3.min);
     return true;
 }
 
@@ -261,6 +264,8 @@ void Tst_catalogue::round_trip()
                     continue;
                 if (s.link && s.text.isEmpty())
                     continue; // an empty reference is not written at all
+                if (version < 4 && s.v3_left_out)
+                    continue;
                 expected.insert(s.name, version >= 4 ? s.text : s.v3_text);
             }
             if (keep) {
