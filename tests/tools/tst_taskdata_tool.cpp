@@ -392,7 +392,7 @@ void Tst_taskdata_tool::check_faults_data()
     QTest::newRow("status 5 in version 4") << document(4, "<TSK A=\"TSK1\" G=\"5\"/>\n") << QVariantMap{}
                                            << QStringList{};
     QTest::newRow("negative unsigned") << document(4, "<PFD A=\"PFD1\" C=\"F\" D=\"-1\"/>\n") << QVariantMap{}
-                                       << QStringList{"out_of_range PFD1 D"};
+                                       << QStringList{"not_a_number PFD1 D"};
     QTest::newRow("not a number") << document(4, "<PFD A=\"PFD1\" C=\"F\" D=\"12ha\"/>\n") << QVariantMap{}
                                   << QStringList{"not_a_number PFD1 D"};
     QTest::newRow("empty number") << document(4, "<PFD A=\"PFD1\" C=\"F\" D=\"\"/>\n") << QVariantMap{}
