@@ -460,11 +460,13 @@ void Tst_taskdata_tool::check_faults_data()
     QTest::newRow("time log length differs")
         << document(4, "<TSK A=\"TSK1\" G=\"1\"><TLG A=\"TLG00001\" B=\"15\" C=\"1\"/></TSK>\n")
         << QVariantMap{{"TLG00001.BIN", 14}, {"TLG00001.XML", 0}} << QStringList{"file_size TSK1/TLG00001 A"};
-    // The library names the files after the number: TLG1 becomes TLG00001, whose files are absent.
+    // The files are found under the name given; written, the name becomes TLG00001.
     QTest::newRow("time log name short")
         << document(4, "<TSK A=\"TSK1\" G=\"1\"><TLG A=\"TLG1\" C=\"1\"/></TSK>\n")
-        << QVariantMap{{"TLG1.BIN", 10}, {"TLG1.XML", 0}}
-        << QStringList{"bad_format TSK1/TLG1 A", "missing_file TSK1/TLG00001 A", "missing_file TSK1/TLG00001 A"};
+        << QVariantMap{{"TLG1.BIN", 14}, {"TLG1.XML", 0}} << QStringList{"bad_format TSK1/TLG1 A"};
+    QTest::newRow("time log files missing")
+        << document(4, "<TSK A=\"TSK1\" G=\"1\"><TLG A=\"TLG0001\" C=\"1\"/></TSK>\n") << QVariantMap{}
+        << QStringList{"bad_format TSK1/TLG0001 A", "missing_file TSK1/TLG00001 A", "missing_file TSK1/TLG00001 A"};
     QTest::newRow("point file missing") << document(4, pfd("<PNT A=\"2\" C=\"\" D=\"\" J=\"PNT00001\"/>"))
                                         << QVariantMap{} << QStringList{"missing_file PFD1/PNT[1] J"};
     QTest::newRow("point file of whole records") << document(4, pfd("<PNT A=\"2\" C=\"\" D=\"\" J=\"PNT00001\"/>"))

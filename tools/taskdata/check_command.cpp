@@ -416,14 +416,12 @@ private:
                     report(QStringLiteral("bad_format"),
                            QStringLiteral("is written as %1 (and its files named so)").arg(canonical));
             }
-            if (n == 0)
-                return; // number 0 is "none" to the library, never a duplicate
             const QString key = QString::fromLatin1(s.prefix) + QString::number(n);
             const auto it = m_ids.constFind(key);
             if (it != m_ids.constEnd()) {
                 report(QStringLiteral("duplicate_identifier"),
-                       QStringLiteral("duplicates identifier %1 of the element at %2:%3; the library reads this element "
-                                      "without identifier")
+                       QStringLiteral("duplicates identifier %1 of the element at %2:%3; the library gives this "
+                                      "element a new number")
                            .arg(key, it->file)
                            .arg(it->line));
                 return;
@@ -612,9 +610,12 @@ void check_tree(const Loaded_dir& d, QVector<Problem>& problems)
             check_file(d, problems, g.data(), QStringLiteral("G"), name + QStringLiteral(".BIN"),
                        QStringLiteral("grid file"), given_length(g->filelength), expected, why);
         } else if (auto t = e.dynamicCast<Time_log>()) {
-            if (t->filename.get_val() == 0)
+            if (!t->filename.has_number())
                 return;
-            const QString base = t->filename.get_as_string();
+            // Under the name the data gives first, as the library looks the files up.
+            QString base = t->filename.read_text();
+            if (base.isEmpty() || find_in_dir(d.dir, base + QStringLiteral(".BIN")).isEmpty())
+                base = t->filename.get_as_string();
             const bool binary = check_file(d, problems, t.data(), QStringLiteral("A"), base + QStringLiteral(".BIN"),
                                            QStringLiteral("time log data"), given_length(t->filelength), -1, QString());
             const bool header = check_file(d, problems, t.data(), QStringLiteral("A"), base + QStringLiteral(".XML"),

@@ -98,9 +98,15 @@ void walk(Element* e, const F& f)
 // Reports what a loaded tree lacks: files its elements refer to, identifiers refused.
 void check_tree(XML_interface& xi, const QSharedPointer<Element>& root)
 {
-    for (const Task_data_files::Referenced_file& f : Task_data_files::referenced_files(root))
-        if (f.tag != xfr_tag) // looked up while reading
+    for (const Task_data_files::Referenced_file& f : Task_data_files::referenced_files(root)) {
+        if (f.tag == xfr_tag) // looked up while reading
+            continue;
+        const QString as_given = f.source.isEmpty() ? QString() : xi.find_optional(f.source);
+        if (as_given.isEmpty())
             xi.infilepath(f.name);
+        else
+            xi.note_used_file(QFileInfo(as_given).fileName());
+    }
     walk(root.data(), [&](Element* e) {
         Attributes::Base::UniqueID* id = e->id_attribute();
         if (id && id->present() && !id->valid())
@@ -285,7 +291,7 @@ bool read_guid_list_from(XML_interface& xi, const QSharedPointer<Element_man>& m
         const QUuid guid(r.attribute_value(QLatin1String("GUID")).toString());
         QString prefix;
         int n = 0;
-        if (guid.isNull() || !Attributes::Base::UniqueID::deconstruct_uid_string(prefix, n, id) || n == 0) {
+        if (guid.isNull() || !Attributes::Base::UniqueID::deconstruct_uid_string(prefix, n, id)) {
             xi.add_warning(tr("Bad entry in %1: %2").arg(path, id));
             continue;
         }
@@ -607,29 +613,34 @@ bool copy_referenced_files(XML_interface& xi, const QSharedPointer<Element>& roo
     for (const Task_data_files::Referenced_file& f : Task_data_files::referenced_files(root)) {
         if (written.contains(f.name.toUpper()))
             continue;
-        if (same) {
-            const QString existing = File_lookup::find(xi.output_dir(), f.name, true).path;
+        const QString existing = File_lookup::find(xi.output_dir(), f.name, true).path;
+        if (same && (!existing.isEmpty() || f.source.isEmpty())) {
             if (existing.isEmpty())
                 xi.add_warning(tr("Could not find file: %1 in %2").arg(f.name, xi.output_dir()));
             else
                 xi.note_used_file(QFileInfo(existing).fileName());
             continue;
         }
-        const File_lookup::Result found = File_lookup::find(source, f.name, true);
-        if (found.path.isEmpty()) {
-            xi.add_warning(found.message);
+        // Saved in place, a file named otherwise in the data is copied to the name now written.
+        const QString found = Task_data_files::find(same ? xi.output_dir() : source, f);
+        if (found.isEmpty()) {
+            xi.add_warning(File_lookup::find(source, f.name, true).message);
             continue;
         }
         // A link in a set from outside could publish any file the user can read.
         QString refused;
-        if (Symlink_policy::refuses(found.path, &refused)) {
+        if (Symlink_policy::refuses(found, &refused)) {
             xi.add_warning(refused);
             continue;
         }
-        const QString existing = File_lookup::find(xi.output_dir(), f.name, true).path;
-        const QString name = existing.isEmpty() ? QFileInfo(found.path).fileName() : QFileInfo(existing).fileName();
+        // Under the name the tree now gives it (a file named otherwise in the data follows the
+        // name written), in the letter case it has in either directory.
+        const bool renamed = QFileInfo(found).fileName().compare(f.name, Qt::CaseInsensitive) != 0;
+        const QString name = !existing.isEmpty() ? QFileInfo(existing).fileName()
+                             : renamed          ? f.name
+                                                : QFileInfo(found).fileName();
         QString error;
-        if (!xi.copy_file(name, found.path, &error)) {
+        if (!xi.copy_file(name, found, &error)) {
             fprintf(stderr, "Could not save attached file %s to %s\n", name.toUtf8().constData(),
                     xi.output_dir().toUtf8().constData());
             xi.set_fail(error);
@@ -649,14 +660,14 @@ QVector<Task_data_files::Referenced_file> Task_data_files::referenced_files(cons
     if (!root)
         return out;
     QSet<QString> seen;
-    auto add = [&](const QString& name, const char* tag) {
+    auto add = [&](const QString& name, const char* tag, const QString& source = QString()) {
         if (name.isEmpty())
             return;
         const QString key = name.toUpper();
         if (seen.contains(key))
             return;
         seen.insert(key);
-        out.append({name, QString::fromLatin1(tag)});
+        out.append({name, QString::fromLatin1(tag), source});
     };
     using namespace Elements::Base;
     walk(root.data(), [&](Element* e) {
@@ -667,10 +678,11 @@ QVector<Task_data_files::Referenced_file> Task_data_files::referenced_files(cons
                 add(base + QStringLiteral(".BIN"), tag);
         } else if (tag_is(e, "TLG")) {
             auto t = static_cast<Time_log*>(e);
-            if (t->filename.get_val() != 0) {
+            if (t->filename.has_number()) {
                 const QString base = t->filename.get_as_string();
-                add(base + QStringLiteral(".XML"), tag);
-                add(base + QStringLiteral(".BIN"), tag);
+                const QString read = t->filename.read_text();
+                add(base + QStringLiteral(".XML"), tag, read.isEmpty() ? read : read + QStringLiteral(".XML"));
+                add(base + QStringLiteral(".BIN"), tag, read.isEmpty() ? read : read + QStringLiteral(".BIN"));
             }
         } else if (tag_is(e, "PNT")) {
             const QString base = static_cast<Elements::Base::Point*>(e)->filename.get_string();
@@ -687,6 +699,12 @@ QVector<Task_data_files::Referenced_file> Task_data_files::referenced_files(cons
     return out;
 }
 
+QString Task_data_files::find(const QString& dir, const Referenced_file& file)
+{
+    const QString as_given = file.source.isEmpty() ? QString() : File_lookup::find(dir, file.source, true).path;
+    return as_given.isEmpty() ? File_lookup::find(dir, file.name, true).path : as_given;
+}
+
 QVector<Task_data_files::Referenced_file> Task_data_files::individual_files(const XML_interface& xi,
                                                                            const QSharedPointer<Element>& root)
 {
@@ -700,7 +718,7 @@ QVector<Task_data_files::Referenced_file> Task_data_files::individual_files(cons
             if (!xi.individual_save(list->tag()))
                 continue;
             for (const auto& c : list->elements())
-                if (c->get_id() != 0)
+                if (c->has_id())
                     out.append({QStringLiteral("%1_%2.XML").arg(list->tag()).arg(c->get_id()), list->tag()});
         }
     });

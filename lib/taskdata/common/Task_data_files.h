@@ -35,8 +35,11 @@ public:
     struct Referenced_file
     {
         QString name;
-        QString tag; // XML code of the referring element ("GRD", "TLG", "PNT", "AFE", "XFR")
+        QString tag;    // XML code of the referring element ("GRD", "TLG", "PNT", "AFE", "XFR")
+        QString source; // the name the data gave, when the library writes another ("TLG0001.BIN")
     };
+    // The file in `dir`: under the name the data gave first, then under the name written.
+    static QString find(const QString& dir, const Referenced_file& file);
 
     static bool load(XML_interface& xi, const QSharedPointer<Elements::Base::Element_man>& man);
     static bool save(XML_interface& xi, const QSharedPointer<Elements::Base::Element_man>& man);

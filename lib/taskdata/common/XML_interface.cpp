@@ -261,8 +261,11 @@ QStringList XML_interface::track_used_files(const QSharedPointer<Elements::Base:
     note(QStringLiteral("LINKLIST.XML"));
     note(QStringLiteral("GUIDLIST.XML"));
     if (man && man->root()) {
-        for (const Task_data_files::Referenced_file& f : Task_data_files::referenced_files(man->root()))
+        for (const Task_data_files::Referenced_file& f : Task_data_files::referenced_files(man->root())) {
             note(f.name);
+            if (!f.source.isEmpty())
+                note(f.source);
+        }
         for (const Task_data_files::Referenced_file& f : Task_data_files::individual_files(*this, man->root()))
             note(f.name);
     }

@@ -119,9 +119,8 @@ QString describe(const Element* e)
 QString compare_attribute(Element* ea, Attribute* a, Element* eb, Attribute* b)
 {
     auto ua = dynamic_cast<UniqueID*>(a);
-    // An identifier refused on reading (a duplicate) is written as number 0, which reads back
-    // as "no identifier": the same meaning, accepted this time.
-    const bool refused_id = ua && ua->get_val() == 0 && static_cast<UniqueID*>(b)->get_val() == 0;
+    // An identifier renumbered on reading (a duplicate) reads back valid under its new number.
+    const bool refused_id = ua && ua->renumbered();
     if (a->present() != b->present() || (a->valid() != b->valid() && !refused_id) ||
         a->empty_text() != b->empty_text())
         return QString("flags %1/%2").arg(a->flags()).arg(b->flags());

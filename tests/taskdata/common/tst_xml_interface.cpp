@@ -443,15 +443,18 @@ void Tst_xml_interface::individual_files_data()
     QTest::addColumn<QByteArray>("children");
     QTest::addColumn<QString>("tag");
     QTest::addColumn<QStringList>("files");
-    // An element without a number stays in its parent's file, between its referenced siblings.
-    QTest::newRow("top-level tasks") << QByteArray("<TSK A=\"TSK1\" B=\"one\"/>\n<TSK A=\"TSK0\" B=\"none\"/>\n"
+    // Number 0 is an identifier like any other.
+    QTest::newRow("top-level tasks") << QByteArray("<TSK A=\"TSK1\" B=\"one\"/>\n<TSK A=\"TSK0\" B=\"zero\"/>\n"
                                                    "<TSK A=\"TSK2\" B=\"two\"/>\n")
-                                     << "TSK" << QStringList{"TSK_1.XML", "TSK_2.XML"};
+                                     << "TSK" << QStringList{"TSK_1.XML", "TSK_0.XML", "TSK_2.XML"};
     QTest::newRow("device elements") << QByteArray("<DVC A=\"DVC1\" B=\"d\" D=\"A00A800825600000\" F=\"31\" G=\"FF000000006E65\">\n"
-                                                   "<DET A=\"DET0\" B=\"none\" C=\"1\" E=\"0\" F=\"0\"/>\n"
-                                                   "<DET A=\"DET1\" B=\"one\" C=\"1\" E=\"1\" F=\"0\"/>\n"
-                                                   "<DET A=\"DET2\" B=\"two\" C=\"1\" E=\"2\" F=\"0\"/>\n</DVC>\n")
-                                     << "DET" << QStringList{"DET_1.XML", "DET_2.XML"};
+                                                   "<DET A=\"DET0\" B=\"zero\" C=\"1\" E=\"0\" F=\"0\"/>\n"
+                                                   "<DET A=\"DET1\" B=\"one\" C=\"1\" E=\"1\" F=\"0\"/>\n</DVC>\n")
+                                     << "DET" << QStringList{"DET_0.XML", "DET_1.XML"};
+    // An element without a number stays in its parent's file, between its referenced siblings.
+    QTest::newRow("polygons") << QByteArray("<PFD A=\"PFD1\" C=\"f\" D=\"1\"><PLN A=\"1\" B=\"one\" E=\"PLN1\"/>"
+                                            "<PLN A=\"1\" B=\"none\"/><PLN A=\"1\" B=\"two\" E=\"PLN2\"/></PFD>\n")
+                              << "PLN" << QStringList{"PLN_1.XML", "PLN_2.XML"};
 }
 
 void Tst_xml_interface::individual_files()

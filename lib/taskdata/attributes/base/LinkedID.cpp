@@ -36,13 +36,21 @@ bool LinkedID::accepts(Element* candidate) const
     return !tag[0] || candidate->get_tag() == QLatin1String(tag);
 }
 
+QString LinkedID::target_text(Element* target) const
+{
+    // The target's own identifier text, so that a link reads as the identifier it names
+    // ("PFD0007" stays "PFD0007").
+    const QString id = target->get_id_string();
+    if (!id.isEmpty())
+        return id;
+    const Spec& s = base_spec();
+    return target->get_tag() + Number_text::format_integer(target->get_id(), s.base, s.width);
+}
+
 QString LinkedID::get_as_string() const
 {
     const QSharedPointer<Element> t = m_target.toStrongRef();
-    if (!t)
-        return QString();
-    const Spec& s = base_spec();
-    return t->get_tag() + Number_text::format_integer(t->get_id(), s.base, s.width);
+    return t ? target_text(t.data()) : QString();
 }
 
 bool LinkedID::update_target_from_id(bool& changed, const QSharedPointer<Element>& owner, const QString& tag, int id)
@@ -58,6 +66,13 @@ bool LinkedID::update_target_from_id(bool& changed, const QSharedPointer<Element
             man->forget_link(this);
         return true;
     }
+    return look_up(changed, owner, tag, id);
+}
+
+bool LinkedID::look_up(bool& changed, const QSharedPointer<Element>& owner, const QString& tag, int id)
+{
+    changed = false;
+    QSharedPointer<Element_man> man = owner ? owner->man() : QSharedPointer<Element_man>();
     QSharedPointer<Element> t = man ? man->lookup(tag, id) : QSharedPointer<Element>();
     if (t && accepts(t.data())) {
         if (m_target != t) {
@@ -158,8 +173,9 @@ bool LinkedID::_set_by_xml_value(const QSharedPointer<Element>& owner, QStringVi
         id = ok ? int(v) : 0;
     }
     if (ok) {
+        // Read from a file, number 0 names an element like any other number.
         bool changed = false;
-        update_target_from_id(changed, owner, text.left(3).toString(), id);
+        look_up(changed, owner, text.left(3).toString(), id);
     }
     set_flag_noevent(flag_valid, ok);
     notify_updated(owner);
@@ -176,7 +192,7 @@ bool LinkedID::_xml_value(QString& out, Element* owner, int) const
             if (QSharedPointer<Element_man> man = owner->man()) {
                 QString tag;
                 int id = 0;
-                if (man->pending_link(this, tag, id) && id != 0) {
+                if (man->pending_link(this, tag, id)) {
                     const Spec& s = base_spec();
                     out = tag + Number_text::format_integer(id, s.base, s.width);
                     return true;
@@ -189,8 +205,7 @@ bool LinkedID::_xml_value(QString& out, Element* owner, int) const
         out.clear();
         return true;
     }
-    const Spec& s = base_spec();
-    out = t->get_tag() + Number_text::format_integer(t->get_id(), s.base, s.width);
+    out = target_text(t.data());
     return true;
 }
 

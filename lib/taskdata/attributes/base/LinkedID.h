@@ -82,6 +82,10 @@ public:
                           const QString& tag, int id);
 
 protected:
+    // update_target_from_id() without its rule that number 0 clears the link.
+    bool look_up(bool& changed, const QSharedPointer<Element>& owner, const QString& tag, int id);
+    QString target_text(Element* target) const;
+
     QWeakPointer<Element> m_target;
 };
 

@@ -46,27 +46,48 @@ bool UniqueID::deconstruct_uid_string(QString& prefix, int& number, const QStrin
     return true;
 }
 
-QString UniqueID::get_as_string() const
+QString UniqueID::format(int digits) const
 {
     const Spec& s = base_spec();
-    return QString::fromLatin1(s.prefix) + Number_text::format_integer(m_value, s.base, s.width);
+    // The minus sign counts towards the width of the number's text.
+    const int width = digits > 0 ? digits + (m_value < 0 ? 1 : 0) : 0;
+    return QString::fromLatin1(s.prefix) + Number_text::format_integer(m_value, s.base, width);
 }
 
-bool UniqueID::_set_val(const QSharedPointer<Element>& owner, int n, bool lookup, bool valid, bool& changed)
+QString UniqueID::get_as_string() const
+{
+    if (!m_set)
+        return QString();
+    const Spec& s = base_spec();
+    // A file name has exactly the width its format gives it; other identifiers keep the
+    // leading zeros they were read with.
+    return format(s.width > 0 ? s.width : m_digits);
+}
+
+QString UniqueID::read_text() const
+{
+    const Spec& s = base_spec();
+    if (!m_set || s.width == 0 || m_digits == 0 || m_digits == s.width)
+        return QString();
+    return format(m_digits);
+}
+
+bool UniqueID::_set_val(const QSharedPointer<Element>& owner, int n, bool lookup, bool valid, bool& changed,
+                        bool clear)
 {
     changed = false;
-    if (n == m_value)
+    if (clear ? !m_set : m_set && n == m_value)
         return true;
     const Spec& s = base_spec();
-    if (n < s.min || n > s.max)
+    if (!clear && (n < s.min || n > s.max))
         return false;
     QSharedPointer<Element_man> man = owner ? owner->man() : QSharedPointer<Element_man>();
     if (!man)
         return false;
     const QString prefix = QString::fromLatin1(s.prefix);
-    if (n != 0 && !man->check_uid_free(prefix, n))
+    if (!clear && !man->check_uid_free(prefix, n))
         return false;
-    if (m_guid.isNull() && n != 0) {
+    if (m_guid.isNull() && !clear) {
         if (lookup)
             man->lookup_guid(prefix, n, m_guid);
         if (m_guid.isNull()) {
@@ -75,24 +96,31 @@ bool UniqueID::_set_val(const QSharedPointer<Element>& owner, int n, bool lookup
         }
     }
     const int old = m_value;
-    if (old != 0)
+    if (m_set)
         man->deregister_uid(prefix, old);
-    if (n != 0)
-        man->register_uid(prefix, n);
-    m_value = n;
     changed = true;
+    m_renumbered = false;
+    m_digits = 0;
     set_flag_noevent(flag_valid, valid);
+    if (clear) {
+        m_set = false;
+        m_value = 0;
+        notify_updated(owner);
+        return true;
+    }
+    man->register_uid(prefix, n);
+    m_value = n;
+    m_set = true;
     owner->set_id(owner, old, n, prefix);
     notify_updated(owner);
-    if (n != 0)
-        man->register_guid(prefix, n, m_guid);
+    man->register_guid(prefix, n, m_guid);
     return true;
 }
 
 bool UniqueID::set_val(const QSharedPointer<Element>& owner, int n, bool lookup_guid)
 {
     bool changed = false;
-    const bool ok = _set_val(owner, n, lookup_guid, true, changed);
+    const bool ok = _set_val(owner, n, lookup_guid, true, changed, n == 0);
     if (ok && !changed && set_flag_noevent(flag_valid, true))
         notify_updated(owner);
     return ok;
@@ -104,23 +132,46 @@ bool UniqueID::_set_by_xml_value(const QSharedPointer<Element>& owner, QStringVi
     const Spec& s = base_spec();
     bool ok = false;
     int n = 0;
+    int digits = 0;
     if (text.size() > 3) {
-        const qint64 v = Number_text::parse_integer(text.mid(3), s.base, &ok);
+        const QStringView number = text.mid(3);
+        const qint64 v = Number_text::parse_integer(number, s.base, &ok);
         if (ok && (v < s.min || v > s.max))
             ok = false;
         n = ok ? int(v) : 0;
+        const bool sign = number.startsWith(QLatin1Char('-')) || number.startsWith(QLatin1Char('+'));
+        digits = qMin(int(number.size()) - (sign ? 1 : 0), 255);
     }
     bool changed = false;
-    const bool accepted = _set_val(owner, n, true, ok, changed);
+    bool accepted = false;
+    bool renumbered = false;
+    QSharedPointer<Element_man> man = owner ? owner->man() : QSharedPointer<Element_man>();
+    if (ok) {
+        accepted = _set_val(owner, n, true, true, changed);
+        if (!accepted && man && m_set && m_renumbered) {
+            // Read again, a duplicate keeps the number it was given the first time.
+            accepted = renumbered = true;
+        } else if (!accepted && man && !man->check_uid_free(QString::fromLatin1(s.prefix), n)) {
+            // A duplicate: the first element keeps the identifier, this one gets a free number
+            // of the same sign (never 0), and links to the identifier stay with the first.
+            const int fresh = man->get_free_uid(QString::fromLatin1(s.prefix), n >= 0);
+            accepted = renumbered = fresh != 0 && _set_val(owner, fresh, false, false, changed);
+        }
+    } else {
+        _set_val(owner, 0, false, false, changed, true);
+    }
+    if (accepted && !renumbered)
+        m_digits = quint8(digits);
+    m_renumbered = renumbered;
     if (!changed)
-        flags_changed |= set_flag_noevent(flag_valid, accepted && ok);
+        flags_changed |= set_flag_noevent(flag_valid, accepted && ok && !renumbered);
+    else
+        set_flag_noevent(flag_valid, accepted && ok && !renumbered);
     if (!changed && flags_changed)
         notify_updated(owner);
-    if (owner && n != 0) {
-        if (QSharedPointer<Element_man> man = owner->man())
-            man->register_uid_for_guid(QString::fromLatin1(s.prefix), n, QUuid());
-    }
-    return ok && accepted;
+    if (man && m_set)
+        man->register_uid_for_guid(QString::fromLatin1(s.prefix), m_value, QUuid());
+    return ok && accepted && !renumbered;
 }
 
 bool UniqueID::_xml_value(QString& out, Element* owner, int) const
@@ -129,9 +180,11 @@ bool UniqueID::_xml_value(QString& out, Element* owner, int) const
         out.clear();
         return true;
     }
+    if (!m_set)
+        return false;
     out = get_as_string();
     // Every identifier written gets its GUID into the GUID list written beside the document.
-    if (owner && m_value != 0) {
+    if (owner) {
         if (QSharedPointer<Element_man> man = owner->man())
             man->register_guid(QString::fromLatin1(base_spec().prefix), m_value, m_guid);
     }
@@ -140,7 +193,7 @@ bool UniqueID::_xml_value(QString& out, Element* owner, int) const
 
 void UniqueID::set_to_default(const QSharedPointer<Element>& owner, Element_man& man, bool)
 {
-    if (m_value != 0)
+    if (m_set)
         return;
     const QString prefix = QString::fromLatin1(base_spec().prefix);
     const int n = man.get_free_uid(prefix, false);
@@ -165,6 +218,7 @@ int UniqueID::compare(Element* a, Element* b, bool ascending) const
 void UniqueID::hash(Element*, Hash_arg& h) const
 {
     h.add_value(m_value);
+    h.add_value(m_set);
     h.add_value(m_flags);
 }
 

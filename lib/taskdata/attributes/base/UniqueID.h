@@ -2,7 +2,10 @@
 //
 // The number is registered with the owning element's manager; a number already taken is
 // refused and the attribute keeps its old one. Numbers made on the terminal are negative,
-// numbers read from files keep their sign, 0 means none and is never registered.
+// numbers read from files keep their sign. An identifier read from a file is real whatever its
+// number, 0 included; one never given (has_number() false) is none. The text read keeps its
+// leading zeros as long as the number stays; a file name identifier (a spec width above 0,
+// "TLG00001") is always written with exactly that many digits.
 // Thread: the holder of the owning element's lock.
 #pragma once
 
@@ -38,8 +41,16 @@ public:
     const Spec& base_spec() const override = 0;
 
     int get_val() const { return m_value; }
-    // Gives the element a new number; false when it is out of range, taken, or there is no manager.
+    // Whether the element has an identifier (a number read or given; 0 can be one).
+    bool has_number() const { return m_set; }
+    // Gives the element a new number; false when it is out of range, taken, or there is no
+    // manager. 0 takes the identifier away.
     bool set_val(const QSharedPointer<Element>& owner, int n, bool lookup_guid = false);
+    // The text the identifier was read with, when it differs from get_as_string() (a file name
+    // of another width, "TLG0001"); empty otherwise.
+    QString read_text() const;
+    // Whether reading gave the element another number than its text (a duplicate).
+    bool renumbered() const { return m_renumbered; }
     QUuid get_guid() const { return m_guid; }
     void set_guid(const QUuid& g) { m_guid = g; }
     QString get_tag() const { return QString::fromLatin1(base_spec().prefix); }
@@ -66,9 +77,15 @@ public:
     bool _set_from_ui_state(const QSharedPointer<Element>&, const UI::Attribute_ui_state&) override { return false; }
 
 protected:
-    bool _set_val(const QSharedPointer<Element>& owner, int n, bool lookup, bool valid, bool& changed);
+    // Sets number n (0 a real number) or, with `clear`, none.
+    bool _set_val(const QSharedPointer<Element>& owner, int n, bool lookup, bool valid, bool& changed,
+                  bool clear = false);
+    QString format(int digits) const;
 
     qint32 m_value = 0;
+    bool m_set = false;
+    bool m_renumbered = false;
+    quint8 m_digits = 0; // digits of the text read (leading zeros kept while the number stays)
     QUuid m_guid;
 };
 

@@ -110,7 +110,7 @@ void Element::deregister_ids()
     QSharedPointer<Element_man> m = man();
     if (m) {
         if (Attributes::Base::UniqueID* id = id_attribute()) {
-            if (id->get_val() != 0)
+            if (id->has_number())
                 m->deregister_uid(id->get_tag(), id->get_val());
         }
     }
@@ -338,7 +338,13 @@ QUuid Element::get_guid() const
 QString Element::get_id_string() const
 {
     auto id = const_cast<Element*>(this)->id_attribute();
-    return id && id->get_val() != 0 ? id->get_as_string() : QString();
+    return id ? id->get_as_string() : QString();
+}
+
+bool Element::has_id() const
+{
+    auto id = const_cast<Element*>(this)->id_attribute();
+    return id && id->has_number();
 }
 
 QSharedPointer<Element> Element::root() const
@@ -686,7 +692,7 @@ bool Element::load_individual_reference_from(const QSharedPointer<Element>& self
     } else {
         bool ok = false;
         const int id = r.attribute_value(QLatin1String("ID")).toString().toInt(&ok);
-        if (!ok || id == 0 || tag.isEmpty()) {
+        if (!ok || tag.isEmpty()) {
             fprintf(stderr, "Bad GUID load %s:%d\n", tag.toUtf8().constData(), id);
             r.skipCurrentElement();
             return true;

@@ -166,8 +166,11 @@ public:
 
     // --- identifiers ---
     Attributes::Base::UniqueID* id_attribute();
+    // The identifier's number (0 also when there is none: has_id() tells).
     int get_id() const;
+    bool has_id() const;
     QUuid get_guid() const;
+    // The identifier as written ("TSK-1", "PFD0007"); empty when the element has none.
     QString get_id_string() const;
 
     // --- tree ---

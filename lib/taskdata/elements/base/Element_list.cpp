@@ -89,7 +89,7 @@ bool Element_list::save_to_individual_files(QXmlStreamWriter& w, XML_interface& 
 {
     for (const auto& c : m_children) {
         const int id = c->get_id();
-        if (id == 0) {
+        if (!c->has_id()) {
             // Without a number the element cannot be named; it stays in the parent's file.
             if (!c->save_xml(c, w, xi, xml_part_all))
                 return false;

@@ -139,8 +139,6 @@ int Element_man::get_free_uid(const QString& prefix, bool positive) const
 
 void Element_man::register_element(const QString& prefix, int n, const QSharedPointer<Element>& element)
 {
-    if (n == 0)
-        return;
     {
         QMutexLocker lock(&m_mutex);
         registry_for(n)[prefix][n] = element;
@@ -184,8 +182,6 @@ QStringList Element_man::registered_prefixes() const
 
 void Element_man::register_guid(const QString& prefix, int n, const QUuid& guid)
 {
-    if (n == 0)
-        return;
     QMutexLocker lock(&m_mutex);
     const Key key(prefix, n);
     auto it = m_guids.find(key);
@@ -214,8 +210,6 @@ bool Element_man::lookup_guid(const QString& prefix, int n, QUuid& out) const
 
 void Element_man::register_uid_for_guid(const QString& prefix, int n, const QUuid& guid)
 {
-    if (n == 0)
-        return;
     if (guid.isNull()) {
         QMutexLocker lock(&m_mutex);
         if (!m_guids.contains(Key(prefix, n)))

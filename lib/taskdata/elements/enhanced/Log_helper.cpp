@@ -484,6 +484,17 @@ bool Log_helper::setup_layout()
     return true;
 }
 
+namespace {
+// A time log's file: under the name the data gives ("TLG0001.bin") first, then under the name the
+// library writes ("TLG00001.BIN").
+QString find_log_file(Base::Element_man& man, Base::Time_log* tlg, const QString& extension)
+{
+    const QString read = tlg->filename.read_text();
+    const QString path = read.isEmpty() ? QString() : man.find_file(read + extension);
+    return path.isEmpty() ? man.find_file(tlg->filename.get_as_string() + extension) : path;
+}
+} // namespace
+
 bool Log_helper::open_binmap(Base::Time_log* tlg)
 {
     if (!tlg)
@@ -491,8 +502,8 @@ bool Log_helper::open_binmap(Base::Time_log* tlg)
     QSharedPointer<Base::Element_man> man = tlg->man();
     if (!man)
         return fail(QStringLiteral("the time log belongs to no element manager"));
-    const QString name = tlg->filename.get_as_string() + QStringLiteral(".BiN");
-    const QString path = man->find_file(name);
+    const QString name = tlg->filename.get_as_string() + QStringLiteral(".BIN");
+    const QString path = find_log_file(*man, tlg, QStringLiteral(".BIN"));
     if (path.isEmpty())
         return fail(QStringLiteral("%1 not found in \"%2\"").arg(name, man->task_data_dir()));
     if (Symlink_policy::refuses(path))
@@ -550,7 +561,7 @@ bool Log_helper::init(const QSharedPointer<Base::Time_log>& tlg, QString debug_f
             break;
         }
         const QString header_name = tlg->filename.get_as_string() + QStringLiteral(".XML");
-        const QString header_path = man->find_file(header_name);
+        const QString header_path = find_log_file(*man, tlg.data(), QStringLiteral(".XML"));
         if (header_path.isEmpty()) {
             fail(QStringLiteral("%1 not found in \"%2\"").arg(header_name, man->task_data_dir()));
             break;
