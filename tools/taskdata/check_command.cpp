@@ -1,6 +1,7 @@
 // Implementation of `taskdata check`; see check_command.h for what is found and why.
 #include "check_command.h"
 
+#include "change_summary.h"
 #include "tool_support.h"
 
 #if defined(KTD_HAVE_TIMELOG_COMMAND) && __has_include("timelog_command.h")
@@ -28,15 +29,7 @@ using TC::Task_data::Symlink_policy;
 
 namespace {
 
-struct Problem
-{
-    QString code;
-    QString element;   // path of the element, "" for the directory as a whole
-    QString attribute; // XML name of the attribute concerned, if any
-    QString file;      // file name within the directory, if known
-    int line = 0;      // line in that file, 0 when not known
-    QString message;
-};
+using Problem = Check_problem;
 
 void print_usage(QTextStream& s)
 {
@@ -131,7 +124,8 @@ bool parse_identifier(QStringView text, int& n)
 class Text_scan
 {
 public:
-    Text_scan(const Loaded_dir& d, QVector<Problem>& problems) : m_dir(d.dir), m_version(d.version()), m_problems(problems)
+    Text_scan(const Loaded_dir& d, int version, QVector<Problem>& problems)
+        : m_dir(d.dir), m_version(version), m_problems(problems)
     {
         m_scratch = Element_man::create();
     }
@@ -202,9 +196,9 @@ private:
     };
 
     void add(const QString& code, const QString& element, const QString& attribute, const QString& file, int line,
-             const QString& message)
+             const QString& message, bool identifier = false)
     {
-        m_problems.append({code, element, attribute, file, line, message});
+        m_problems.append({code, element, attribute, file, line, message, change_of(code, identifier, m_version)});
     }
 
     Element* prototype(const Kind_info* k)
@@ -381,6 +375,11 @@ private:
                 if (name == QLatin1String("VersionMajor") && text != QLatin1String("3") && text != QLatin1String("4"))
                     add(QStringLiteral("unsupported_version"), where(f), name, file, line,
                         QStringLiteral("VersionMajor=\"%1\" is no supported format version (3 or 4)").arg(text.toString()));
+                // A minor version belongs to its major version; written in the same one, it must
+                // be one the version has.
+                if (name == QLatin1String("VersionMinor") &&
+                    attrs.value(QLatin1String("VersionMajor")) == QString::number(m_version))
+                    check_value(a, name, text, f, file, line, false);
                 continue;
             }
             check_value(a, name, text, f, file, line, binary_point);
@@ -389,7 +388,7 @@ private:
             const Attribute::Spec* s = f.kind->attribute_specs[i];
             if (s->required && s->version <= m_version && !attrs.hasAttribute(s->xml_name()))
                 add(QStringLiteral("missing_attribute"), where(f), s->xml_name(), file, line,
-                    QStringLiteral("required attribute %1 is missing").arg(s->xml_name()));
+                    QStringLiteral("required attribute %1 is missing").arg(s->xml_name()), int(i) == f.kind->id_index);
         }
     }
 
@@ -397,8 +396,9 @@ private:
                      bool binary_point)
     {
         const QString shown = QStringLiteral("%1=\"%2\"").arg(name, text.toString());
+        const bool identifier = dynamic_cast<UniqueID*>(a) != nullptr;
         auto report = [&](const QString& code, const QString& detail) {
-            add(code, where(f), name, file, line, shown + QLatin1Char(' ') + detail);
+            add(code, where(f), name, file, line, shown + QLatin1Char(' ') + detail, identifier);
         };
         if (auto id = dynamic_cast<UniqueID*>(a)) {
             const UniqueID::Spec& s = id->base_spec();
@@ -435,7 +435,10 @@ private:
             const bool tag_ok = target[0] ? text.startsWith(QLatin1String(target))
                                            : (text.size() > 3 && Catalogue::find(text.left(3).toString()) &&
                                               Catalogue::find(text.left(3).toString())->id_index >= 0);
-            if (!tag_ok || !parse_identifier(text, n) || n == 0)
+            if (!parse_identifier(text, n))
+                report(QStringLiteral("unreadable_reference"),
+                       QStringLiteral("is no reference to an element; it is left out when written"));
+            else if (!tag_ok)
                 report(QStringLiteral("malformed_reference"),
                        target[0] ? QStringLiteral("is no reference of the form %1n or %1-n").arg(QLatin1String(target))
                                  : QStringLiteral("is no reference to an element"));
@@ -653,6 +656,19 @@ void check_tree(const Loaded_dir& d, QVector<Problem>& problems)
     });
 }
 
+} // namespace
+
+QVector<Check_problem> Taskdata_tool::find_problems(const Loaded_dir& d, int version)
+{
+    QVector<Problem> problems;
+    Text_scan scan(d, version, problems);
+    scan.run(d.main_file);
+    check_tree(d, problems);
+    return problems;
+}
+
+namespace {
+
 QString problem_line(const Problem& p)
 {
     QString s;
@@ -686,10 +702,10 @@ int run_check_command(const QStringList& args, QTextStream& out, QTextStream& er
         // The library's text names the file, line and column where reading stopped.
         problems.append({QStringLiteral("not_loadable"), QString(), QString(), QString(), 0, d.error});
     } else {
-        Text_scan scan(d, problems);
-        scan.run(d.main_file);
-        check_tree(d, problems);
+        problems = find_problems(d, d.version());
     }
+    // What writing the directory again (taskdata convert) would change, the same list.
+    const QVector<Change_line> changes = loaded ? changes_for_writing(d, &problems) : QVector<Change_line>();
 
     if (json) {
         QJsonObject o;
@@ -710,6 +726,7 @@ int run_check_command(const QStringList& args, QTextStream& out, QTextStream& er
             list.append(j);
         }
         o.insert(QStringLiteral("problems"), list);
+        o.insert(QStringLiteral("changes"), changes_json(changes));
         print_json(out, o);
     } else {
         for (const Problem& p : problems)
@@ -718,6 +735,8 @@ int run_check_command(const QStringList& args, QTextStream& out, QTextStream& er
             out << (problems.isEmpty() ? QStringLiteral("no problems found")
                                        : QStringLiteral("%1 problem(s) found").arg(problems.size()))
                 << '\n';
+        for (const Change_line& c : changes)
+            out << change_text(c) << '\n';
     }
     if (!loaded)
         return exit_unusable;

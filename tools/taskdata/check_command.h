@@ -26,6 +26,26 @@
 
 #include <QStringList>
 #include <QTextStream>
+#include <QVector>
+
+namespace Taskdata_tool {
+struct Loaded_dir;
+
+struct Check_problem
+{
+    QString code;
+    QString element;   // path of the element, "" for the directory as a whole
+    QString attribute; // XML name of the attribute concerned, if any
+    QString file;      // file name within the directory, if known
+    int line = 0;      // line in that file, 0 when not known
+    QString message;
+    // What writing the directory changes because of it (change_summary.h); empty when nothing.
+    QString change = QString();
+};
+
+// Everything check finds in a loaded directory, judged for writing it as format `version`.
+QVector<Check_problem> find_problems(const Loaded_dir& d, int version);
+} // namespace Taskdata_tool
 
 // args are the words after "check". Returns 0 when nothing was found, 1 when problems were
 // found, 2 on bad usage or when the directory cannot be loaded.

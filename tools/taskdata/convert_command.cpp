@@ -1,6 +1,7 @@
 // Implementation of `taskdata convert`; see convert_command.h.
 #include "convert_command.h"
 
+#include "change_summary.h"
 #include "tool_support.h"
 
 #include <QDir>
@@ -14,15 +15,18 @@ namespace {
 
 void print_usage(QTextStream& s)
 {
-    s << "usage: taskdata convert DIR OUTDIR [--format-version 3|4] [--no-proprietary]\n"
+    s << "usage: taskdata convert DIR OUTDIR [--format-version 3|4] [--no-proprietary] [--strict]\n"
          "  DIR                 a task data directory (or its TASKDATA.XML)\n"
          "  OUTDIR              where the converted directory is written (created when missing);\n"
          "                      an OUTDIR holding a task data set is replaced as a whole, one\n"
          "                      holding anything else is refused\n"
-         "  --format-version N  write format version 3 or 4 (default: the version of DIR);\n"
-         "                      what version 3 lacks is left out\n"
+         "  --format-version N  write format version 3 or 4 (default: the version of DIR, or 4\n"
+         "                      when DIR holds content of version 4); what version 3 lacks is left out\n"
          "  --no-proprietary    leave out proprietary attributes, elements and unknown attributes\n"
-         "exit code: 0 written, 2 bad usage or DIR not loadable, 3 OUTDIR could not be written\n";
+         "  --strict            write nothing when anything would be left out or changed\n"
+         "Ends with one line per kind of thing left out or changed, with a count and the first place.\n"
+         "exit code: 0 written, 1 --strict and something would change (nothing written),\n"
+         "2 bad usage or DIR not loadable, 3 OUTDIR could not be written\n";
 }
 
 } // namespace
@@ -33,7 +37,8 @@ int run_convert_command(const QStringList& args, QTextStream& out, QTextStream& 
         print_usage(out);
         return exit_ok;
     }
-    const Parsed_args pa = parse_args(args, {QStringLiteral("--no-proprietary")}, {QStringLiteral("--format-version")});
+    const Parsed_args pa = parse_args(args, {QStringLiteral("--no-proprietary"), QStringLiteral("--strict")},
+                                      {QStringLiteral("--format-version")});
     if (!pa.error.isEmpty() || pa.positional.size() != 2) {
         err << "taskdata convert: " << (pa.error.isEmpty() ? QStringLiteral("expected DIR and OUTDIR") : pa.error)
             << '\n';
@@ -55,13 +60,23 @@ int run_convert_command(const QStringList& args, QTextStream& out, QTextStream& 
         err << "taskdata convert: " << d.error << '\n';
         return exit_unusable;
     }
-    if (version == 0)
-        version = d.version();
+    XML_interface& xi = *d.xi;
+    // Without a version asked for, the library writes the document's own (or 4 when it holds
+    // content of version 4).
+    if (version != 0)
+        xi.set_format_version(version);
+    xi.set_keep_proprietary(!pa.flags.contains(QStringLiteral("--no-proprietary")));
+    // The same input gives the same output: no GUIDs made up on the way.
+    xi.set_guid_list_as_read(true);
+    const QVector<Change_line> changes = changes_for_writing(d);
+    if (pa.flags.contains(QStringLiteral("--strict")) && !changes.isEmpty()) {
+        err << "taskdata convert: nothing written (--strict):\n";
+        for (const Change_line& c : changes)
+            err << "  " << change_text(c) << '\n';
+        return exit_problems;
+    }
 
     const QString outdir = QDir(pa.positional.at(1)).absolutePath();
-    XML_interface& xi = *d.xi;
-    xi.set_format_version(version);
-    xi.set_keep_proprietary(!pa.flags.contains(QStringLiteral("--no-proprietary")));
     xi.set_output_dir(outdir);
     // The files the data refers to are copied along by the save, so OUTDIR stands on its own.
     Progress progress(QStringLiteral("convert"));
@@ -71,9 +86,12 @@ int run_convert_command(const QStringList& args, QTextStream& out, QTextStream& 
         return exit_write_failed;
     }
     const int copied = xi.copied_files();
+    version = xi.format_version();
     out << "wrote " << outdir << " (format version " << version << ')';
     if (copied > 0)
         out << ", " << copied << " referenced file(s) copied";
     out << '\n';
+    for (const Change_line& c : changes)
+        out << change_text(c) << '\n';
     return exit_ok;
 }

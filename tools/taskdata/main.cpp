@@ -1,6 +1,7 @@
 // `taskdata`: the command-line face of the library for integrators and operators. Dispatches to
 // one function per subcommand; each writes its results on stdout and its complaints on stderr,
 // and the library's own diagnostics, wherever it prints them, end up on stderr too.
+#include "assume_version.h"
 #include "check_command.h"
 #include "convert_command.h"
 #include "ddi_command.h"
@@ -56,6 +57,8 @@ void print_help(QTextStream& s)
          "  help [COMMAND]             this text, or the usage of one command\n"
          "\n"
          "DIR is a task data directory or its main file; file names are found regardless of case.\n"
+         "info, check, convert and timelog also take --assume-version N: a main file without\n"
+         "VersionMajor is read as format version N (3 or 4) instead of being refused.\n"
          "\n"
          "options of every command:\n"
          "  --verbose          also print the library's trace lines (load and save timings, file lookups)\n"
@@ -74,7 +77,25 @@ void print_help(QTextStream& s)
          "work, when standard error is a terminal.\n";
 }
 
-int run(const QString& command, const QStringList& rest, QTextStream& out, QTextStream& err)
+int run_command(const QString& command, const QStringList& rest, QTextStream& out, QTextStream& err);
+
+// The options every loading command shares are taken here, before the command parses the rest.
+int run(const QString& command, QStringList rest, QTextStream& out, QTextStream& err)
+{
+    if (!Taskdata_tool::command_loads(command))
+        return run_command(command, rest, out, err);
+    QString error;
+    if (!Taskdata_tool::take_assume_version(rest, error)) {
+        err << "taskdata " << command << ": " << error << '\n';
+        return Taskdata_tool::exit_unusable;
+    }
+    const int code = run_command(command, rest, out, err);
+    if (rest.contains(QLatin1String("--help")) || rest.contains(QLatin1String("-h")))
+        out << Taskdata_tool::assume_version_usage();
+    return code;
+}
+
+int run_command(const QString& command, const QStringList& rest, QTextStream& out, QTextStream& err)
 {
     if (command == QLatin1String("info"))
         return run_info_command(rest, out, err);

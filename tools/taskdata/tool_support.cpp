@@ -1,6 +1,8 @@
 // Implementation of the shared parts of the `taskdata` tool; see tool_support.h.
 #include "tool_support.h"
 
+#include "assume_version.h"
+
 #include <taskdata/common/File_lookup.h>
 #include <taskdata/common/Save_transaction.h>
 #include <taskdata/elements/base/Element_list.h>
@@ -57,17 +59,26 @@ bool load_directory(const QString& arg, Loaded_dir& out)
     out.man->set_task_data_dir(out.dir);
     // A main file given by name is the one read, whatever it is called.
     out.xi.reset(new XML_interface(fi.isDir() ? out.dir : out.main_file));
+    out.xi->set_assumed_version(assumed_version());
     if (out.main_file.isEmpty()) {
         out.error = QStringLiteral("no TASKDATA.XML in %1").arg(out.dir);
         return false;
     }
     out.header = read_header(out.main_file);
-    if (!out.xi->load(out.man)) {
+    const bool loaded = out.xi->load(out.man);
+    if (out.header.root_tag == QLatin1String("ISO11783_TaskData") && out.header.version_major.isEmpty() &&
+        assumed_version() > 0) {
+        QTextStream(stderr) << "taskdata: warning: " << out.main_file << " has no VersionMajor: read as format version "
+                            << assumed_version() << '\n';
+        out.header.version_major = QString::number(assumed_version());
+    }
+    if (!loaded) {
         out.error = out.xi->fail_text();
         if (out.error.isEmpty())
             out.error = QStringLiteral("%1 could not be read").arg(out.main_file);
         return false;
     }
+
     if (!out.man->root()) {
         out.error = QStringLiteral("%1 holds no task data").arg(out.main_file);
         return false;

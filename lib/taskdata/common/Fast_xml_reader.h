@@ -82,6 +82,19 @@ public:
     QStringView attribute_value(int i) const { return view(m_attrs[i].value_off, m_attrs[i].value_len); }
     // The value of the named attribute; `found` tells an absent one from an empty one.
     QStringView attribute_value(QLatin1String name, bool* found = nullptr) const;
+    // The namespace prefix of an attribute ("xsi" of xsi:noNamespaceSchemaLocation); empty for
+    // the plain names every element but the root has.
+    QString attribute_prefix(int i) const
+    {
+        const Attr& a = m_attrs[i];
+        return a.prefix_raw_off < 0 ? QString()
+                                    : QString::fromLatin1(reinterpret_cast<const char*>(m_begin) + a.prefix_raw_off,
+                                                          a.prefix_raw_len);
+    }
+    // The namespace declarations of the current start tag (xmlns:xsi="..."), prefix and URI.
+    int namespace_count() const { return m_token == QXmlStreamReader::StartElement ? m_ns.size() : 0; }
+    QString namespace_prefix(int i) const { return view(m_ns[i].name_off, m_ns[i].name_len).toString(); }
+    QString namespace_uri(int i) const { return view(m_ns[i].value_off, m_ns[i].value_len).toString(); }
     // Characters, comment text or processing instruction data.
     QStringView text() const { return view(m_text_off, m_text_len); }
     QStringView processing_instruction_target() const { return view(m_name_off, m_name_len); }
@@ -180,6 +193,10 @@ public:
     int attribute_count() const { return attrs().size(); }
     QStringView attribute_name(int i) const { return QStringView(attrs()[i].name()); }
     QStringView attribute_value(int i) const { return QStringView(attrs()[i].value()); }
+    QString attribute_prefix(int i) const { return attrs()[i].prefix().toString(); }
+    int namespace_count() const { return m_r.namespaceDeclarations().size(); }
+    QString namespace_prefix(int i) const { return m_r.namespaceDeclarations().at(i).prefix().toString(); }
+    QString namespace_uri(int i) const { return m_r.namespaceDeclarations().at(i).namespaceUri().toString(); }
     QStringView attribute_value(QLatin1String name, bool* found = nullptr) const
     {
         for (const QXmlStreamAttribute& a : attrs())

@@ -25,6 +25,7 @@
 #include <QXmlStreamReader>
 #include <QXmlStreamWriter>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -43,6 +44,8 @@ namespace Files_detail {
 struct Document_state
 {
     int format_version = 0;
+    // The identifiers of the GUID list read with the document; empty when it had none.
+    QSet<QPair<QString, int>> guid_list;
     QVector<QPair<QWeakPointer<Element>, QString>> origins; // top-level element, XFR file name
 };
 } // namespace Files_detail
@@ -107,11 +110,23 @@ void check_tree(XML_interface& xi, const QSharedPointer<Element>& root)
         else
             xi.note_used_file(QFileInfo(as_given).fileName());
     }
+    const QSharedPointer<Element_man> man = root->man();
     walk(root.data(), [&](Element* e) {
         Attributes::Base::UniqueID* id = e->id_attribute();
-        if (id && id->present() && !id->valid())
+        if (!id)
+            return;
+        if (id->present() && !id->valid())
             xi.add_warning(tr("%1 \"%2\" has an identifier that is malformed or already taken")
                                .arg(e->get_tag(), e->get_designator()));
+        // An identifier the format requires is never left out: one missing or unreadable is
+        // made as for a new element.
+        if (!id->has_number() && id->base_spec().required && man) {
+            id->set_to_default(e->get_sp(), *man, false);
+            id->set_flag_noevent(Attributes::Base::Attribute::flag_valid, false);
+            id->set_flag_noevent(Attributes::Base::Attribute::flag_empty, false);
+            xi.add_warning(tr("%1 \"%2\" has no identifier: written as %3")
+                               .arg(e->get_tag(), e->get_designator(), id->get_as_string()));
+        }
     });
 }
 
@@ -296,6 +311,8 @@ bool read_guid_list_from(XML_interface& xi, const QSharedPointer<Element_man>& m
             continue;
         }
         man->register_uid_for_guid(prefix, n, guid);
+        if (const QSharedPointer<Document_state> state = state_of(man, false))
+            state->guid_list.insert(qMakePair(prefix, n));
     }
     if (r.hasError()) {
         r.fail(xi, path);
@@ -344,16 +361,18 @@ bool read_document(XML_interface& xi, const QSharedPointer<Element_man>& man, co
     }
     bool has_version = false;
     const QStringView major = r.attribute_value(QLatin1String("VersionMajor"), &has_version);
-    if (!has_version) {
+    if (!has_version && xi.assumed_version() <= 0) {
         xi.set_fail(tr("No Version Major tag"));
         return false;
     }
-    bool number = false;
-    const int version = major.trimmed().toString().toInt(&number);
+    bool number = !has_version;
+    const int version = has_version ? major.trimmed().toString().toInt(&number) : xi.assumed_version();
     if (!number || version < 0) {
         xi.set_fail(tr("Bad Version Major tag"));
         return false;
     }
+    if (!has_version)
+        xi.add_warning(tr("%1 has no VersionMajor: read as format version %2").arg(main_path).arg(version));
     set_version(version);
 
     man->set_task_data_dir(QFileInfo(main_path).absolutePath());
@@ -368,9 +387,15 @@ bool read_document(XML_interface& xi, const QSharedPointer<Element_man>& man, co
     const QSharedPointer<Document_state> state = state_of(man, true);
     state->format_version = version;
     state->origins.clear();
+    state->guid_list.clear();
 
     xi.set_cur_infilepath(main_path);
     bool ok = root->load_xml_from(root, r, xi, Elements::Base::xml_part_attributes);
+    if (!has_version) {
+        // The version assumed is the document's own from now on.
+        auto doc = root.staticCast<Elements::Base::Task_data>();
+        doc->ver_major.set_val_noevent(quint8(version));
+    }
     if (ok) {
         Reader reader{xi, root, *state, {}};
         ok = reader.read_children(r, main_path, QString());
@@ -455,8 +480,38 @@ bool Writer::write_document(const QString& name, const Body& body)
     return xi.ok() && write_whole(xi, name, data);
 }
 
+namespace {
+// While alive, the root's minor version is the default of the major version written, when that
+// differs from the document's own: a minor version belongs to its major version. The tree is
+// as before afterwards; the saving thread is the only one at the tree meanwhile.
+struct Minor_version_for
+{
+    Attributes::Base::UInt8* minor = nullptr;
+    quint8 value = 0;
+    Attributes::Base::Attribute::flags_t flags = 0;
+    Minor_version_for(const QSharedPointer<Element>& root, int version)
+    {
+        auto doc = root.dynamicCast<Elements::Base::Task_data>();
+        if (!doc || doc->ver_major.get_val() == version)
+            return;
+        minor = &doc->ver_minor;
+        value = minor->get_val();
+        flags = minor->flags();
+        minor->set_val_noevent(Attributes::Base::choose_variant(doc->ver_minor.spec(), version).def);
+    }
+    ~Minor_version_for()
+    {
+        if (!minor)
+            return;
+        minor->set_val_noevent(value);
+        minor->set_flags_noevent(flags);
+    }
+};
+} // namespace
+
 bool Writer::write_main(QByteArray& out)
 {
+    const Minor_version_for minor(root, version);
     QBuffer buffer(&out);
     buffer.open(QIODevice::WriteOnly);
     QXmlStreamWriter w(&buffer);
@@ -545,7 +600,17 @@ bool Writer::write_link_list(const QSharedPointer<Element>& list)
 
 bool Writer::write_guid_list(const QSharedPointer<Element_man>& man)
 {
-    const QVector<Element_man::Guid_entry> entries = man->guid_entries();
+    QVector<Element_man::Guid_entry> entries = man->guid_entries();
+    if (xi.guid_list_as_read()) {
+        // Only what the document came with: new random GUIDs would make two saves differ.
+        const QSharedPointer<Document_state> state = state_of(man, false);
+        const QSet<QPair<QString, int>> read = state ? state->guid_list : QSet<QPair<QString, int>>();
+        entries.erase(std::remove_if(entries.begin(), entries.end(),
+                                     [&](const Element_man::Guid_entry& e) {
+                                         return !read.contains(qMakePair(e.prefix, e.n));
+                                     }),
+                      entries.end());
+    }
     if (entries.isEmpty())
         return true;
     return write_document(output_name(xi, guid_list_name), [&](QXmlStreamWriter& w) {
@@ -734,7 +799,8 @@ QSharedPointer<Elements::Base::Task_data> Task_data_files::create_document(const
     const QSharedPointer<Element> self = root;
     root->set_attributes_to_default(self, false);
     root->ver_major.set_val(self, quint8(format_version));
-    root->ver_minor.set_val(self, quint8(format_version >= 4 ? 3 : format_version == 3 ? 3 : 1));
+    // The minor version the catalogue gives the major one (4.2 for version 4).
+    root->ver_minor.set_val(self, Attributes::Base::choose_variant(root->ver_minor.spec(), format_version).def);
     root->mngt_sw_manufacturer.set_string(self, QStringLiteral("Tarvex Agriculture"));
     root->mngt_sw_ver.set_string(self, QStringLiteral("korvaneltaskdata 0.1"));
     // Made on the terminal: the data goes from the machine to farm software.
@@ -744,6 +810,17 @@ QSharedPointer<Elements::Base::Task_data> Task_data_files::create_document(const
     state->format_version = format_version;
     state->origins.clear();
     return root;
+}
+
+int Task_data_files::version_to_write(const XML_interface& xi, const QSharedPointer<Element_man>& man)
+{
+    if (xi.format_version_set() || !man || !man->root())
+        return xi.format_version();
+    const int own = document_format_version(man);
+    const int version = own > 0 ? own : xi.format_version();
+    // A document that claims an older version than its content needs (a v3 file with v4 point
+    // types) is written as version 4 rather than losing that content.
+    return expressible(man->root(), version) ? version : 4;
 }
 
 int Task_data_files::document_format_version(const QSharedPointer<Element_man>& man)
@@ -849,18 +926,12 @@ bool Task_data_files::save(XML_interface& xi, const QSharedPointer<Element_man>&
     xi.m_transaction = &transaction;
     main_name = output_name(xi, main_name);
 
-    int version = xi.format_version();
+    const int version = version_to_write(xi, man);
     if (!xi.format_version_set()) {
-        const int v = document_format_version(man);
-        if (v > 0)
-            version = v;
-        // A document that claims an older version than its content needs (a v3 file with v4
-        // point types) is written as version 4 rather than losing that content.
-        if (!expressible(root, version)) {
+        const int own = document_format_version(man);
+        if (own > 0 && version != own)
             xi.add_warning(tr("The document of format version %1 holds content of version 4: written as version 4")
-                               .arg(version));
-            version = 4;
-        }
+                               .arg(own));
         xi.m_format_version = version;
     }
 
@@ -880,7 +951,8 @@ bool Task_data_files::save(XML_interface& xi, const QSharedPointer<Element_man>&
     for (const Referenced_file& f : referenced_files(root) + individual_files(xi, root))
         data_names.insert(f.name.toUpper());
     transaction.reserve_names(data_names);
-    const QSharedPointer<Element> link_list = man->link_list();
+    // The link list came with format version 4: an older version has none.
+    const QSharedPointer<Element> link_list = version >= 4 ? man->link_list() : QSharedPointer<Element>();
     xi.set_total_objects(count_elements(root.data()) + (link_list ? count_elements(link_list.data()) : 0));
 
     // The main file is staged last and so put in place last: a crash while the files are

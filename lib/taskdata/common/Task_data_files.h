@@ -54,6 +54,9 @@ public:
 
     static QSharedPointer<Elements::Base::Task_data>
     create_document(const QSharedPointer<Elements::Base::Element_man>& man, int format_version);
+    // The format version save() writes: the one set on the interface, else the document's own,
+    // unless its content needs version 4.
+    static int version_to_write(const XML_interface& xi, const QSharedPointer<Elements::Base::Element_man>& man);
     // The format version the manager's document was read or created with; 0 when unknown.
     static int document_format_version(const QSharedPointer<Elements::Base::Element_man>& man);
     // The external file (XFR file name, without extension) a top-level element was read from;

@@ -82,6 +82,15 @@ public:
         m_format_version_set = true;
     }
     bool format_version_set() const { return m_format_version_set; }
+    // Whether "GUIDLIST.XML" is written only when the document was read with one, and then
+    // with the GUIDs read only (a conversion: the same input gives the same output). Off by
+    // default: every identifier written gets its GUID into the list.
+    void set_guid_list_as_read(bool on) { m_guid_list_as_read = on; }
+    bool guid_list_as_read() const { return m_guid_list_as_read; }
+    // A main file whose root has no major version is read as this version (with a warning
+    // naming the file) instead of failing; 0, the default, keeps the failure.
+    void set_assumed_version(int v) { m_assumed_version = v; }
+    int assumed_version() const { return m_assumed_version; }
     bool keep_proprietary() const { return m_keep_proprietary; }
     void set_keep_proprietary(bool k) { m_keep_proprietary = k; }
     bool write_children() const { return m_write_children; }
@@ -253,6 +262,8 @@ protected:
     bool m_track_files = true;
     int m_format_version = 4;
     bool m_format_version_set = false;
+    int m_assumed_version = 0;
+    bool m_guid_list_as_read = false;
     bool m_optimised_save = false;
     std::atomic<int> m_partial_save_state{0};
     std::atomic<bool> m_cancel{false};

@@ -534,9 +534,19 @@ bool Element::load_xml_from(const QSharedPointer<Element>& self, R& r, XML_inter
         const bool fresh = t_new_child == this;
         t_new_child = nullptr;
         Reading_attributes reading(this);
+        // Namespace declarations and namespaced attributes (the root's xmlns:xsi and
+        // xsi:noNamespaceSchemaLocation) are kept under their prefixed names.
+        const int declarations = r.namespace_count();
+        for (int i = 0; i < declarations; ++i)
+            read_extra(self, QStringLiteral("xmlns:") + r.namespace_prefix(i), r.namespace_uri(i));
         const int n = r.attribute_count();
         for (int i = 0; i < n; ++i) {
             const QStringView name = r.attribute_name(i);
+            const QString prefix = r.attribute_prefix(i);
+            if (!prefix.isEmpty()) {
+                read_extra(self, prefix + QLatin1Char(':') + name.toString(), r.attribute_value(i));
+                continue;
+            }
             Attribute* a = find_attribute(name);
             if (!a) {
                 // A new element has no extra attributes yet, and a start tag names each once.
@@ -562,6 +572,16 @@ bool Element::load_xml_from(const QSharedPointer<Element>& self, R& r, XML_inter
     return true;
 }
 
+void Element::read_extra(const QSharedPointer<Element>& self, const QString& name, QStringView value)
+{
+    Attribute* a = extra_attribute(name);
+    if (!a) {
+        a = new Attributes::Base::Extra_string(name);
+        _add(name, a);
+    }
+    a->set_by_xml_value(self, value);
+}
+
 bool Element::read_foreign_child(QXmlStreamReader& r, XML_interface& xi)
 {
     Qt_xml_source source(r);
@@ -584,6 +604,26 @@ bool Element::read_foreign_child_from(R& r, XML_interface& xi)
         x.foreign_children.append(text);
     }
     return true;
+}
+
+void Element::write_schema_location(QXmlStreamWriter& w, XML_interface& xi) const
+{
+    // Without proprietary content an element keeps one namespaced attribute: the location of
+    // the schema it claims, with the declaration of its prefix, so that validators find it.
+    static const QString instance = QStringLiteral("http://www.w3.org/2001/XMLSchema-instance");
+    for (const auto& a : m_extras->attributes) {
+        const int colon = a.first.indexOf(QLatin1Char(':'));
+        const QStringRef local = a.first.midRef(colon + 1);
+        if (colon <= 0 || a.first.startsWith(QLatin1String("xmlns:")) ||
+            (local != QLatin1String("noNamespaceSchemaLocation") && local != QLatin1String("schemaLocation")))
+            continue;
+        const QString declaration = QStringLiteral("xmlns:") + a.first.left(colon);
+        const Attribute* uri = extra_attribute(declaration);
+        if (!uri || uri->to_string() != instance)
+            continue;
+        uri->save_xml(w, const_cast<Element*>(this), declaration, xi);
+        a.second->save_xml(w, const_cast<Element*>(this), a.first, xi);
+    }
 }
 
 void Element::write_foreign_children(QXmlStreamWriter& w, XML_interface& xi) const
@@ -742,9 +782,12 @@ bool Element::_save_xml(const QSharedPointer<Element>& self, QXmlStreamWriter& w
                 continue;
             a->save_xml(w, this, s.qname, xi);
         }
-        if (keep && m_extras)
+        if (keep && m_extras) {
             for (const auto& a : m_extras->attributes)
                 a.second->save_xml(w, this, a.first, xi);
+        } else if (m_extras) {
+            write_schema_location(w, xi);
+        }
     }
     if ((parts & xml_part_children) && xi.write_children()) {
         const int version = xi.format_version();

@@ -206,6 +206,8 @@ public:
                                         bool by_guid, QHash<QString, int>& counters);
     // Writes them back (only when the interface keeps proprietary content).
     void write_foreign_children(QXmlStreamWriter& w, XML_interface& xi) const;
+    // Writes the schema location attribute and its namespace declaration, if the element has them.
+    void write_schema_location(QXmlStreamWriter& w, XML_interface& xi) const;
     void set_extended_parameter(const QString& key, const QVariant& value);
     bool remove_extended_parameter(const QString& key);
 
@@ -246,6 +248,8 @@ protected:
     };
     Extras& extras();
     bool load_children(const QSharedPointer<Element>& self, QXmlStreamReader& r, XML_interface& xi);
+    // An attribute the kind does not declare, kept under its name as read.
+    void read_extra(const QSharedPointer<Element>& self, const QString& name, QStringView value);
     bool load_individual_reference(const QSharedPointer<Element>& self, QXmlStreamReader& r, XML_interface& xi,
                                    bool by_guid, QHash<QString, int>& counters);
     template <class R>
