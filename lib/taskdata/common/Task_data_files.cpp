@@ -391,11 +391,6 @@ bool read_document(XML_interface& xi, const QSharedPointer<Element_man>& man, co
 
     xi.set_cur_infilepath(main_path);
     bool ok = root->load_xml_from(root, r, xi, Elements::Base::xml_part_attributes);
-    if (!has_version) {
-        // The version assumed is the document's own from now on.
-        auto doc = root.staticCast<Elements::Base::Task_data>();
-        doc->ver_major.set_val_noevent(quint8(version));
-    }
     if (ok) {
         Reader reader{xi, root, *state, {}};
         ok = reader.read_children(r, main_path, QString());
@@ -492,7 +487,8 @@ struct Minor_version_for
     Minor_version_for(const QSharedPointer<Element>& root, int version)
     {
         auto doc = root.dynamicCast<Elements::Base::Task_data>();
-        if (!doc || doc->ver_major.get_val() == version)
+        const int own = doc ? Task_data_files::document_format_version(doc->man()) : 0;
+        if (!own || own == version)
             return;
         minor = &doc->ver_minor;
         value = minor->get_val();

@@ -134,6 +134,8 @@ private slots:
     void guid_list();
     void new_document_data();
     void new_document();
+    void root_header_data();
+    void root_header();
     void older_version_kept_unless_content_needs_newer_data();
     void older_version_kept_unless_content_needs_newer();
     void failed_save_keeps_previous_files_data();
@@ -559,12 +561,83 @@ void Tst_xml_interface::new_document()
     const QByteArray main = read_file(QDir(dir).filePath("TASKDATA.XML"));
     QVERIFY(main.startsWith("<?xml version=\"1.0\" encoding=\"UTF-8\"?>"));
     QVERIFY(main.contains("VersionMajor=\"" + QByteArray::number(version) + "\""));
+    // The minor version the catalogue gives the major one: 4.2, 3.3.
+    QVERIFY(main.contains(QByteArray("VersionMinor=\"") + (version == 4 ? "2" : "3") + "\""));
     QVERIFY(main.contains("ManagementSoftwareManufacturer=\"Tarvex Agriculture\""));
     auto again = Element_man::create();
     XML_interface back(dir);
     QVERIFY(run([&] { return back.load(again); }).ok);
     QCOMPARE(back.format_version(), version);
     QCOMPARE(designators(root_of(again)->customers), QStringList{"Doe"});
+}
+
+void Tst_xml_interface::root_header_data()
+{
+    QTest::addColumn<QByteArray>("root");  // the root's attributes as read
+    QTest::addColumn<int>("assumed");      // version assumed for a root without VersionMajor
+    QTest::addColumn<int>("version");      // version written; 0: the document's own
+    QTest::addColumn<bool>("keep");        // proprietary content kept
+    QTest::addColumn<QByteArrayList>("written");
+    QTest::addColumn<QByteArrayList>("absent");
+    const QByteArray rest = " ManagementSoftwareManufacturer=\"T\" ManagementSoftwareVersion=\"1\" DataTransferOrigin=\"1\"";
+    // The document's own minor version stays in its major version; another major version gets
+    // its own default.
+    for (const char* minor : {"0", "1", "2", "3"})
+        QTest::addRow("4.%s kept", minor) << "VersionMajor=\"4\" VersionMinor=\"" + QByteArray(minor) + "\"" + rest << 0
+                                          << 0 << true
+                                          << QByteArrayList{"VersionMajor=\"4\" VersionMinor=\"" + QByteArray(minor) + "\""}
+                                          << QByteArrayList{};
+    QTest::newRow("4.1 as 3") << "VersionMajor=\"4\" VersionMinor=\"1\"" + rest << 0 << 3 << true
+                              << QByteArrayList{"VersionMajor=\"3\" VersionMinor=\"3\""} << QByteArrayList{};
+    QTest::newRow("3.3 as 4") << "VersionMajor=\"3\" VersionMinor=\"3\"" + rest << 0 << 4 << true
+                              << QByteArrayList{"VersionMajor=\"4\" VersionMinor=\"2\""} << QByteArrayList{};
+    // The schema location comes back byte for byte, with its prefix; without proprietary content
+    // only it and its declaration.
+    const QByteArray located = "xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\" "
+                               "VersionMajor=\"4\" VersionMinor=\"3\"" + rest +
+                               " xsi:noNamespaceSchemaLocation=\"ISO11783_TaskFile_V4-3.xsd &amp; more\"";
+    const QByteArray location = "xsi:noNamespaceSchemaLocation=\"ISO11783_TaskFile_V4-3.xsd &amp; more\"";
+    const QByteArray instance = "xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\"";
+    QTest::newRow("schema location kept") << located << 0 << 0 << true
+                                          << QByteArrayList{location, instance, "xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\""}
+                                          << QByteArrayList{" noNamespaceSchemaLocation"};
+    QTest::newRow("schema location, plain ISO") << located << 0 << 0 << false << QByteArrayList{location, instance}
+                                                << QByteArrayList{"xmlns:xsd", " noNamespaceSchemaLocation"};
+    QTest::newRow("no major version, 4 assumed") << "VersionMinor=\"3\"" + rest << 4 << 0 << true
+                                                 << QByteArrayList{"VersionMajor=\"4\" VersionMinor=\"3\""}
+                                                 << QByteArrayList{};
+    QTest::newRow("no major version, 3 assumed") << "VersionMinor=\"3\"" + rest << 3 << 0 << true
+                                                 << QByteArrayList{"VersionMajor=\"3\" VersionMinor=\"3\""}
+                                                 << QByteArrayList{};
+}
+
+void Tst_xml_interface::root_header()
+{
+    QFETCH(QByteArray, root);
+    QFETCH(int, assumed);
+    QFETCH(int, version);
+    QFETCH(bool, keep);
+    QFETCH(QByteArrayList, written);
+    QFETCH(QByteArrayList, absent);
+    QTemporaryDir tmp;
+    const QString source = QDir(tmp.path()).filePath("in");
+    write_files(source, {{"TASKDATA.XML", head + "<ISO11783_TaskData " + root + "><CTR A=\"CTR1\" B=\"c\"/></ISO11783_TaskData>\n"}});
+    auto man = Element_man::create();
+    XML_interface in(source);
+    in.set_assumed_version(assumed);
+    QVERIFY2(run([&] { return in.load(man); }).ok, qPrintable(in.fail_text()));
+    if (assumed)
+        QVERIFY(!in.warnings().filter(QDir(source).filePath("TASKDATA.XML") + " has no VersionMajor").isEmpty());
+    const QString target = QDir(tmp.path()).filePath("out");
+    XML_interface out(target, true, keep);
+    if (version)
+        out.set_format_version(version);
+    QVERIFY(run([&] { return out.save(man); }).ok);
+    const QByteArray main = read_file(QDir(target).filePath("TASKDATA.XML"));
+    for (const QByteArray& w : written)
+        QVERIFY2(main.contains(w), main.constData());
+    for (const QByteArray& a : absent)
+        QVERIFY2(!main.contains(a), main.constData());
 }
 
 void Tst_xml_interface::older_version_kept_unless_content_needs_newer_data()
