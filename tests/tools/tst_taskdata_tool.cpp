@@ -189,6 +189,10 @@ private slots:
     void check_faults();
     void convert_data();
     void convert();
+    void convert_summary_data();
+    void convert_summary();
+    void file_name_of_other_width_data();
+    void file_name_of_other_width();
     void version_3_data();
     void version_3();
     void generate_data();
@@ -225,6 +229,13 @@ void Tst_taskdata_tool::usage_data()
     QTest::newRow("convert version 2") << QStringList{"convert", ".", "/tmp/x", "--format-version", "2"} << 2 << ""
                                        << "3 or 4";
     QTest::newRow("convert one dir") << QStringList{"convert", "."} << 2 << "" << "OUTDIR";
+    QTest::newRow("assumed version 5") << QStringList{"info", ".", "--assume-version", "5"} << 2 << ""
+                                       << "--assume-version must be 3 or 4";
+    QTest::newRow("assumed version without value") << QStringList{"check", ".", "--assume-version"} << 2 << ""
+                                                   << "needs a value";
+    QTest::newRow("assumed version, no loading") << QStringList{"generate", "/tmp/x", "--assume-version", "4"} << 2
+                                                 << "" << "--assume-version";
+    QTest::newRow("help lists assumed version") << QStringList{"help", "timelog"} << 0 << "--assume-version N" << "";
     QTest::newRow("generate 3 points") << QStringList{"generate", "/tmp/x", "--points", "3"} << 2 << "" << "--points";
     QTest::newRow("generate bad seed") << QStringList{"generate", "/tmp/x", "--seed", "-1"} << 2 << "" << "--seed";
     QTest::newRow("ddi dispatched") << QStringList{"ddi", "1"} << 0 << "DDI 1" << "";
@@ -549,6 +560,109 @@ void Tst_taskdata_tool::convert()
     // The same elements come back.
     const QJsonObject out_info = run_json({"info", out.path(), "--json"});
     QCOMPARE(out_info.value("counts").toObject(), info.value("counts").toObject());
+}
+
+// One kind of change per row: convert ends with one line per kind (count and first place),
+// check lists the same, and --strict writes nothing when there is any.
+void Tst_taskdata_tool::convert_summary_data()
+{
+    QTest::addColumn<QByteArray>("xml");
+    QTest::addColumn<QStringList>("options");
+    QTest::addColumn<QStringList>("lines");
+    const QByteArray ctr = "<CTR A=\"CTR1\" B=\"Meyer\"/>\n";
+    QTest::newRow("nothing changes") << document(4, ctr) << QStringList{} << QStringList{};
+    QTest::newRow("text cut") << document(4, "<CTR A=\"CTR1\" B=\"" + QByteArray(33, 'x') + "\"/>\n") << QStringList{}
+                              << QStringList{"texts cut: 1 (first: TASKDATA.XML:3 CTR1 B)"};
+    // A time log without its type is written with the only type there is.
+    QTest::newRow("required missing") << document(4, "<TSK A=\"TSK1\" G=\"1\"><TLG A=\"TLG00001\"/></TSK>\n")
+                                      << QStringList{}
+                                      << QStringList{"values replaced by defaults or limits: 1 (first: TASKDATA.XML:3 TSK1/TLG00001 C)"};
+    QTest::newRow("duplicates") << document(4, ctr + ctr + ctr) << QStringList{}
+                                << QStringList{"identifiers rewritten: 2 (first: TASKDATA.XML:4 CTR1 A)"};
+    QTest::newRow("version 4 content in version 3")
+        << document(4, "<PDT A=\"PDT1\" B=\"P\" F=\"1\"/>\n<PGP A=\"PGP1\" B=\"G\" C=\"2\"/>\n")
+        << QStringList{"--format-version", "3"}
+        << QStringList{"attributes and elements newer than format version 3, left out: 2 (first: TASKDATA.XML:3 PDT1 F)"};
+    QTest::newRow("point type version 3 lacks")
+        << document(4, "<PFD A=\"PFD1\" C=\"F\" D=\"1\"><PNT A=\"10\" C=\"1\" D=\"2\"/></PFD>\n")
+        << QStringList{"--format-version", "3"}
+        << QStringList{"values replaced by defaults or limits: 1 (first: TASKDATA.XML:3 PFD1/PNT[1] A)"};
+    QTest::newRow("version 3 claimed, version 4 content")
+        << document(3, "<PFD A=\"PFD1\" C=\"F\" D=\"1\"><PNT A=\"10\" C=\"1\" D=\"2\"/></PFD>\n") << QStringList{}
+        << QStringList{"format version 3 written as 4, for content of version 4: 1 (first: TASKDATA.XML VersionMajor)"};
+    QTest::newRow("unknown attribute kept") << document(4, "<CTR A=\"CTR1\" B=\"M\" Z=\"1\"/>\n") << QStringList{}
+                                            << QStringList{};
+    QTest::newRow("unknown attribute, plain ISO") << document(4, "<CTR A=\"CTR1\" B=\"M\" Z=\"1\"/>\n")
+                                                  << QStringList{"--no-proprietary"}
+                                                  << QStringList{"unknown attributes left out: 1 (first: TASKDATA.XML:3 CTR1 Z)"};
+}
+
+void Tst_taskdata_tool::convert_summary()
+{
+    QFETCH(QByteArray, xml);
+    QFETCH(QStringList, options);
+    QFETCH(QStringList, lines);
+    QTemporaryDir dir;
+    QVERIFY(write_file(dir.filePath("TASKDATA.XML"), xml));
+    for (bool strict : {true, false}) {
+        const QString out = dir.filePath(strict ? "strict" : "out");
+        const Run_result r = run_tool(QStringList{"convert", dir.path(), out} + options +
+                                      (strict ? QStringList{"--strict"} : QStringList{}));
+        const bool refused = strict && !lines.isEmpty();
+        QVERIFY2(r.code == (refused ? 1 : 0), qPrintable(r.out + r.err));
+        QCOMPARE(QFileInfo::exists(out + "/TASKDATA.XML"), !refused);
+        QStringList got = (refused ? r.err : r.out).split('\n', Qt::SkipEmptyParts);
+        got.removeFirst(); // "wrote ..." or "nothing written (--strict):"
+        for (QString& l : got)
+            l = l.trimmed();
+        got = got.filter(QRegularExpression("^[a-z].*\\(first: "));
+        QCOMPARE(got, lines);
+    }
+    if (options.isEmpty()) {
+        const Run_result check = run_tool({"check", dir.path()});
+        for (const QString& l : lines)
+            QVERIFY2(check.out.contains(l + '\n'), qPrintable(check.out));
+    }
+}
+
+// A time log named with another width is found under that name, decoded, and written as
+// TLG00004 with its files.
+void Tst_taskdata_tool::file_name_of_other_width_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::newRow("4 digits") << "TLG0004";
+    QTest::newRow("1 digit, lower-case files") << "tlg4";
+    QTest::newRow("6 digits") << "TLG000004";
+}
+
+void Tst_taskdata_tool::file_name_of_other_width()
+{
+    QFETCH(QString, name);
+    const QString corpus = Ktd_test::corpus_dir();
+    if (corpus.isEmpty())
+        QSKIP("reference corpus not found");
+    const QString set = corpus + "/v4-mixed-case-timelog";
+    QTemporaryDir dir;
+    QByteArray main = read_file(set + "/TaskData.xml");
+    QVERIFY(main.contains("A=\"TLG00004\""));
+    main.replace("A=\"TLG00004\"", "A=\"" + name.toUpper().toLatin1() + "\"");
+    QVERIFY(write_file(dir.filePath("TASKDATA.XML"), main));
+    const QByteArray binary = read_file(set + "/TLG00004.bin");
+    QVERIFY(write_file(dir.filePath(name + ".bin"), binary));
+    QVERIFY(write_file(dir.filePath(name + ".xml"), read_file(set + "/TLG00004.xml")));
+
+    const Run_result decoded = run_tool({"timelog", dir.path()});
+    QVERIFY2(decoded.code == 0 && decoded.out.contains("records: 7017"), qPrintable(decoded.out + decoded.err));
+    QTemporaryDir out;
+    const Run_result converted = run_tool({"convert", dir.path(), out.path()});
+    QVERIFY2(converted.code == 0, qPrintable(converted.err));
+    QVERIFY2(converted.out.contains("identifiers rewritten: 1"), qPrintable(converted.out));
+    QVERIFY(read_file(out.filePath("TASKDATA.XML")).contains("<TLG A=\"TLG00004\""));
+    QCOMPARE(read_file(find_ci(out.path(), "TLG00004.BIN")), binary);
+    QVERIFY(!find_ci(out.path(), "TLG00004.XML").isEmpty());
+    QCOMPARE(QDir(out.path()).entryList(QDir::Files).size(), 3);
+    const Run_result again = run_tool({"timelog", out.path()});
+    QVERIFY2(again.code == 0 && again.out.contains("records: 7017"), qPrintable(again.out + again.err));
 }
 
 void Tst_taskdata_tool::version_3_data()
