@@ -105,7 +105,8 @@ bool Float::_xml_value(QString& out, Element*, int version) const
         return true;
     }
     const Spec& s = choose_variant(base_spec(), version);
-    double v = m_value;
+    // A required attribute never read nor set is written with its default.
+    double v = m_flags & (flag_present | flag_valid) ? m_value : s.def;
     if (!(v >= s.min && v <= s.max))
         v = s.def;
     out = format(v);

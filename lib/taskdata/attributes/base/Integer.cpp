@@ -205,7 +205,8 @@ bool Integer<T>::_xml_value(QString& out, Element*, int version) const
         return true;
     }
     const Spec& s = choose_variant(base_spec(), version);
-    T v = m_value;
+    // A required attribute never read nor set is written with its default.
+    T v = m_flags & (flag_present | flag_valid) ? m_value : s.def;
     if (v > s.max || v < s.min) {
         // An optional attribute whose default lies outside its range has no value to stand
         // in for it: it is left out rather than written with a value the format refuses.

@@ -209,8 +209,17 @@ bool integer_problems(Attribute* a, const QSharedPointer<Element>& e, const Rang
         if (got != text(v))
             problems << QString("%1 comes back as %2").arg(text(v), got);
     }
-    if (f.required && !allows(r, qint64(spec.def)))
-        problems << QString("default %1 is outside the schema").arg(qint64(spec.def));
+    if (f.required) {
+        // Missing from a file, a required attribute is still written, with a value the schema allows.
+        auto fresh = Catalogue::create(e->get_tag(), e->man());
+        QString missing;
+        bool ok = false;
+        fresh->_attribute(unsigned(e->attribute_index(a->xml_name())))->xml_value(missing, fresh.data(), version);
+        const qint64 v = std::is_signed<T>::value ? Number_text::parse_integer(missing, spec.base, &ok)
+                                                  : qint64(Number_text::parse_unsigned(missing, spec.base, &ok));
+        if (!ok || !allows(r, v))
+            problems << QString("written as %1 when missing").arg(missing);
+    }
     const auto fits = [&](qint64 mn, qint64 mx, qint64 def) {
         return mn <= smallest && mx >= largest && (!f.required || allows(r, def));
     };
