@@ -530,7 +530,8 @@ void Tst_taskdata_tool::convert_data()
     }
 }
 
-// Written again at its own version, a directory is complete and no worse than before.
+// Written again at its own version, a directory is no worse than before (the corpus round trip
+// checks that it is complete and holds the same tree).
 void Tst_taskdata_tool::convert()
 {
     QFETCH(QString, dir);
@@ -548,18 +549,6 @@ void Tst_taskdata_tool::convert()
     const QSet<QString> added = problem_keys(out_check) - problem_keys(in_check);
     QVERIFY2(added.isEmpty(), qPrintable(QStringList(added.values()).join('\n') + "\n--- output:\n" +
                                          problems_text(out_check) + "\n--- input:\n" + problems_text(in_check)));
-
-    // Every file the input uses is in the output too (binary files, time logs, external files).
-    const QJsonObject info = run_json({"info", dir, "--json"});
-    for (const QJsonValue& v : info.value("files_used").toArray()) {
-        const QString name = v.toString();
-        if (name.compare("TASKDATA.XML", Qt::CaseInsensitive) == 0)
-            continue;
-        QVERIFY2(!find_ci(out.path(), name).isEmpty(), qPrintable(name + " missing in the output"));
-    }
-    // The same elements come back.
-    const QJsonObject out_info = run_json({"info", out.path(), "--json"});
-    QCOMPARE(out_info.value("counts").toObject(), info.value("counts").toObject());
 }
 
 // One kind of change per row: convert ends with one line per kind (count and first place),

@@ -148,13 +148,6 @@ bool allows(const Range& r, qint64 v)
     return v >= r.min && (v < 0 || quint64(v) <= r.max);
 }
 
-struct Walk_row
-{
-    QString tag;
-    unsigned index;
-    int version;
-};
-
 // Published limits the catalogue widens, by spec.
 struct Listed
 {
@@ -185,8 +178,8 @@ QString read_and_write(const QSharedPointer<Element>& e, Attribute* a, const QSt
     return out;
 }
 
-// Problems of one integer attribute against its schema range; `listed` replaces the catalogue's
-// limits of the chosen spec by the published ones.
+// Problems of one integer attribute against its schema range; a row widened from its listed
+// limits adds a line to `widened`.
 template <class T>
 bool integer_problems(Attribute* a, const QSharedPointer<Element>& e, const Range& r, const Facets& f, int version,
                       QStringList& problems, QStringList& widened)
