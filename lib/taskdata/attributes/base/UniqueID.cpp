@@ -46,11 +46,9 @@ bool UniqueID::deconstruct_uid_string(QString& prefix, int& number, const QStrin
     return true;
 }
 
-QString UniqueID::format(int digits) const
+QString UniqueID::format(int width) const
 {
     const Spec& s = base_spec();
-    // The minus sign counts towards the width of the number's text.
-    const int width = digits > 0 ? digits + (m_value < 0 ? 1 : 0) : 0;
     return QString::fromLatin1(s.prefix) + Number_text::format_integer(m_value, s.base, width);
 }
 
@@ -60,8 +58,8 @@ QString UniqueID::get_as_string() const
         return QString();
     const Spec& s = base_spec();
     // A file name has exactly the width its format gives it; other identifiers keep the
-    // leading zeros they were read with.
-    return format(s.width > 0 ? s.width : m_digits);
+    // leading zeros they were read with (the digits read, after a minus sign).
+    return format(s.width > 0 ? s.width : m_digits + (m_value < 0 && m_digits ? 1 : 0));
 }
 
 QString UniqueID::read_text() const
@@ -69,7 +67,7 @@ QString UniqueID::read_text() const
     const Spec& s = base_spec();
     if (!m_set || s.width == 0 || m_digits == 0 || m_digits == s.width)
         return QString();
-    return format(m_digits);
+    return format(m_digits + (m_value < 0 ? 1 : 0));
 }
 
 bool UniqueID::_set_val(const QSharedPointer<Element>& owner, int n, bool lookup, bool valid, bool& changed,

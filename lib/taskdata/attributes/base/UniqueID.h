@@ -80,7 +80,8 @@ protected:
     // Sets number n (0 a real number) or, with `clear`, none.
     bool _set_val(const QSharedPointer<Element>& owner, int n, bool lookup, bool valid, bool& changed,
                   bool clear = false);
-    QString format(int digits) const;
+    // The prefix and the number padded to `width` characters (a minus sign counts).
+    QString format(int width) const;
 
     qint32 m_value = 0;
     bool m_set = false;
