@@ -534,18 +534,22 @@ bool Element::load_xml_from(const QSharedPointer<Element>& self, R& r, XML_inter
         const bool fresh = t_new_child == this;
         t_new_child = nullptr;
         Reading_attributes reading(this);
-        // Namespace declarations and namespaced attributes (the root's xmlns:xsi and
-        // xsi:noNamespaceSchemaLocation) are kept under their prefixed names.
-        const int declarations = r.namespace_count();
+        // A document root's namespace declarations and namespaced attributes (xmlns:xsi,
+        // xsi:noNamespaceSchemaLocation) are kept under their prefixed names. Only a root has
+        // them: other elements do not pay for looking.
+        const bool root = !m_parent;
+        const int declarations = root ? r.namespace_count() : 0;
         for (int i = 0; i < declarations; ++i)
             read_extra(self, QStringLiteral("xmlns:") + r.namespace_prefix(i), r.namespace_uri(i));
         const int n = r.attribute_count();
         for (int i = 0; i < n; ++i) {
             const QStringView name = r.attribute_name(i);
-            const QString prefix = r.attribute_prefix(i);
-            if (!prefix.isEmpty()) {
-                read_extra(self, prefix + QLatin1Char(':') + name.toString(), r.attribute_value(i));
-                continue;
+            if (root) {
+                const QString prefix = r.attribute_prefix(i);
+                if (!prefix.isEmpty()) {
+                    read_extra(self, prefix + QLatin1Char(':') + name.toString(), r.attribute_value(i));
+                    continue;
+                }
             }
             Attribute* a = find_attribute(name);
             if (!a) {
