@@ -15,6 +15,7 @@ const char* const newer = "attributes and elements newer than format version %1,
 const char* const replaced = "values replaced by defaults or limits";
 const char* const reformatted = "values written in another form";
 const char* const identifiers = "identifiers rewritten";
+const char* const file_names = "file names rewritten";
 const char* const cut = "texts cut";
 const char* const not_read = "elements not read";
 const char* const references = "references left out";
@@ -38,6 +39,8 @@ QString change_of(const QString& code, bool identifier, int version)
         return QLatin1String(reformatted);
     if (code == QLatin1String("too_long"))
         return QLatin1String(cut);
+    if (code == QLatin1String("file_name"))
+        return QLatin1String(file_names);
     if (code == QLatin1String("unknown_element"))
         return QLatin1String(not_read);
     if (code == QLatin1String("unreadable_reference"))
@@ -61,7 +64,8 @@ QVector<Change_line> summarize_changes(const QVector<Check_problem>& problems, b
     }
     // In the order of the list above, whatever the order of the problems.
     const QStringList order{QString::fromLatin1(newer).section(QLatin1Char('%'), 0, 0), QLatin1String(replaced),
-                            QLatin1String(reformatted), QLatin1String(identifiers), QLatin1String(cut),
+                            QLatin1String(reformatted), QLatin1String(identifiers), QLatin1String(file_names),
+                            QLatin1String(cut),
                             QLatin1String(not_read), QLatin1String(references), QLatin1String(unknown)};
     auto rank = [&](const Change_line& c) {
         for (int i = 0; i < order.size(); ++i)

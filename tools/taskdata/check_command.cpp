@@ -12,6 +12,7 @@
 #include <taskdata/common/Symlink_policy.h>
 
 #include <platform/iso/Time_source.h>
+#include <taskdata/common/Task_data_files.h>
 
 #include <QFile>
 #include <QFileInfo>
@@ -448,6 +449,17 @@ private:
             return;
         Value_verdict v;
         if (auto s = dynamic_cast<String*>(a)) {
+            // File names the library writes as the format names them ("GRD1" -> "GRD00001").
+            const QString tag = f.tag;
+            if ((tag == QLatin1String("GRD") && name == QLatin1String("G")) ||
+                (tag == QLatin1String("PNT") && name == QLatin1String("J")) ||
+                (tag == QLatin1String("XFR") && name == QLatin1String("A"))) {
+                const QString written = TC::Task_data::Task_data_files::format_file_name(
+                    text.toString(), tag == QLatin1String("XFR") ? QString() : tag);
+                if (!written.isEmpty() && written != text)
+                    add(QStringLiteral("file_name"), where(f), name, file, line,
+                        shown + QStringLiteral(" is written as %1 (and its file named so)").arg(written));
+            }
             const quint32 max = choose_variant(s->base_spec(), m_version).max_length;
             const QString whole = text.toString();
             if (String::cut_position(whole, max) < whole.size())

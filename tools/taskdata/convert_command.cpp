@@ -5,8 +5,6 @@
 #include "tool_support.h"
 
 #include <QDir>
-#include <QFile>
-#include <QFileInfo>
 
 using namespace Taskdata_tool;
 using namespace TC::Task_data::Elements::Base;

@@ -98,6 +98,36 @@ void walk(Element* e, const F& f)
             walk(c.data(), f);
 }
 
+// File name attributes that name their file by the element's code and a number, given with
+// another width or case than the format's five digits ("GRD1", "grd00001"): the name the format
+// gives them ("GRD00001"), by attribute. A name already used by another element stays as it is.
+QHash<const void*, QString> file_name_rewrites(Element* root)
+{
+    QVector<QPair<Attributes::Base::String*, QString>> names; // attribute, code it must start with
+    walk(root, [&](Element* e) {
+        using namespace Elements::Base;
+        if (tag_is(e, "GRD"))
+            names.append({&static_cast<Grid*>(e)->filename, QStringLiteral("GRD")});
+        else if (tag_is(e, "PNT"))
+            names.append({&static_cast<Elements::Base::Point*>(e)->filename, QStringLiteral("PNT")});
+        else if (tag_is(e, "XFR"))
+            names.append({&static_cast<External_file_reference*>(e)->filename, QString()});
+    });
+    QSet<QString> used;
+    for (const auto& n : names)
+        used.insert(n.first->get_string().toUpper());
+    QHash<const void*, QString> out;
+    for (const auto& n : names) {
+        const QString text = n.first->get_string();
+        const QString name = Task_data_files::format_file_name(text, n.second);
+        if (name.isEmpty() || name == text || used.contains(name))
+            continue;
+        used.insert(name);
+        out.insert(n.first, name);
+    }
+    return out;
+}
+
 // Reports what a loaded tree lacks: files its elements refer to, identifiers refused.
 void check_tree(XML_interface& xi, const QSharedPointer<Element>& root)
 {
@@ -573,7 +603,9 @@ bool Writer::write_external_files(QSet<QString>& written)
         }
         if (members.isEmpty())
             continue;
-        const QString name = output_name(xi, base + QStringLiteral(".XML"), source_dir);
+        const QString* written_as = xi.written_text(&static_cast<Elements::Base::External_file_reference*>(ref.data())->filename);
+        const QString name = written_as ? *written_as + QStringLiteral(".XML")
+                                        : output_name(xi, base + QStringLiteral(".XML"), source_dir);
         const bool ok = write_document(name, [&](QXmlStreamWriter& w) {
             w.writeStartElement(xfc_tag);
             for (const auto& c : members)
@@ -731,12 +763,20 @@ QVector<Task_data_files::Referenced_file> Task_data_files::referenced_files(cons
         out.append({name, QString::fromLatin1(tag), source});
     };
     using namespace Elements::Base;
+    const QHash<const void*, QString> rewrites = file_name_rewrites(root.data());
+    // A file whose name the format writes otherwise: under that name, found under the one given.
+    auto add_named = [&](const Attributes::Base::String& name, const QString& extension, const char* tag) {
+        const QString given = name.get_string();
+        const QString written = rewrites.value(&name);
+        if (written.isEmpty())
+            add(given.isEmpty() ? given : given + extension, tag);
+        else
+            add(written + extension, tag, given + extension);
+    };
     walk(root.data(), [&](Element* e) {
         const char* tag = e->kind().tag;
         if (tag_is(e, "GRD")) {
-            const QString base = static_cast<Grid*>(e)->filename.get_string();
-            if (!base.isEmpty())
-                add(base + QStringLiteral(".BIN"), tag);
+            add_named(static_cast<Grid*>(e)->filename, QStringLiteral(".BIN"), tag);
         } else if (tag_is(e, "TLG")) {
             auto t = static_cast<Time_log*>(e);
             if (t->filename.has_number()) {
@@ -746,18 +786,26 @@ QVector<Task_data_files::Referenced_file> Task_data_files::referenced_files(cons
                 add(base + QStringLiteral(".BIN"), tag, read.isEmpty() ? read : read + QStringLiteral(".BIN"));
             }
         } else if (tag_is(e, "PNT")) {
-            const QString base = static_cast<Elements::Base::Point*>(e)->filename.get_string();
-            if (!base.isEmpty())
-                add(base + QStringLiteral(".BIN"), tag);
+            add_named(static_cast<Elements::Base::Point*>(e)->filename, QStringLiteral(".BIN"), tag);
         } else if (tag_is(e, "AFE")) {
             add(static_cast<Attached_file*>(e)->filename.get_string(), tag);
         } else if (tag_is(e, "XFR")) {
-            const QString base = static_cast<External_file_reference*>(e)->filename.get_string();
-            if (!base.isEmpty())
-                add(base + QStringLiteral(".XML"), tag);
+            add_named(static_cast<External_file_reference*>(e)->filename, QStringLiteral(".XML"), tag);
         }
     });
     return out;
+}
+
+QString Task_data_files::format_file_name(const QString& text, const QString& code)
+{
+    const QString given = text.left(3).toUpper();
+    const QStringRef digits = text.midRef(3);
+    bool number = false;
+    const int value = digits.toInt(&number);
+    if (!number || value < 0 || value > 99999 || !digits.at(0).isDigit() || (!code.isEmpty() && given != code) ||
+        (code.isEmpty() && !Elements::Base::Catalogue::find(given)))
+        return QString();
+    return given + QStringLiteral("%1").arg(value, 5, 10, QLatin1Char('0'));
 }
 
 QString Task_data_files::find(const QString& dir, const Referenced_file& file)
@@ -931,6 +979,13 @@ bool Task_data_files::save(XML_interface& xi, const QSharedPointer<Element_man>&
         xi.m_format_version = version;
     }
 
+    // File names the format names otherwise are written so, for the elements and their files.
+    struct Written_texts
+    {
+        XML_interface& xi;
+        ~Written_texts() { xi.set_written_texts({}); }
+    } written_texts{xi};
+    xi.set_written_texts(file_name_rewrites(root.data()));
     Writer writer{xi, root, version, source_dir, {}};
     QSet<QString> references;
     if (Element_list* list = root->find_list(xfr_tag))

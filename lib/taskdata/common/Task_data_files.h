@@ -40,6 +40,11 @@ public:
     };
     // The file in `dir`: under the name the data gave first, then under the name written.
     static QString find(const QString& dir, const Referenced_file& file);
+    // The name the format gives a file name attribute (grid, point file, external file) that
+    // names its file by a code and a number: "GRD00001" for "GRD1" or "grd00001" (code "GRD"; an
+    // empty code admits any element code). Empty when the text is no such name. A save writes this
+    // name, for the attribute and the file, unless another element uses it already.
+    static QString format_file_name(const QString& text, const QString& code);
 
     static bool load(XML_interface& xi, const QSharedPointer<Elements::Base::Element_man>& man);
     static bool save(XML_interface& xi, const QSharedPointer<Elements::Base::Element_man>& man);

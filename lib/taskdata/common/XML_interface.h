@@ -87,6 +87,16 @@ public:
     // default: every identifier written gets its GUID into the list.
     void set_guid_list_as_read(bool on) { m_guid_list_as_read = on; }
     bool guid_list_as_read() const { return m_guid_list_as_read; }
+    // Texts written in place of what attributes hold, by attribute (a file name the format names
+    // otherwise, during a save); empty outside a save.
+    void set_written_texts(const QHash<const void*, QString>& texts) { m_written_texts = texts; }
+    const QString* written_text(const void* attribute) const
+    {
+        if (m_written_texts.isEmpty())
+            return nullptr;
+        auto it = m_written_texts.constFind(attribute);
+        return it == m_written_texts.constEnd() ? nullptr : &*it;
+    }
     // A main file whose root has no major version is read as this version (with a warning
     // naming the file) instead of failing; 0, the default, keeps the failure.
     void set_assumed_version(int v) { m_assumed_version = v; }
@@ -264,6 +274,7 @@ protected:
     bool m_format_version_set = false;
     int m_assumed_version = 0;
     bool m_guid_list_as_read = false;
+    QHash<const void*, QString> m_written_texts;
     bool m_optimised_save = false;
     std::atomic<int> m_partial_save_state{0};
     std::atomic<bool> m_cancel{false};

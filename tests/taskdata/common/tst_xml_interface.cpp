@@ -738,24 +738,40 @@ void Tst_xml_interface::failed_save_keeps_previous_files()
 void Tst_xml_interface::referenced_files_copied_data()
 {
     QTest::addColumn<QByteArray>("children");
-    QTest::addColumn<QStringList>("files"); // as they stand in the source directory
-    QTest::newRow("grid") << QByteArray("<TSK A=\"TSK1\" G=\"1\"><GRD A=\"1\" B=\"2\" C=\"0.1\" D=\"0.1\" E=\"1\" F=\"1\" "
-                                        "G=\"GRD00001\" I=\"2\"/></TSK>\n")
-                          << QStringList{"GRD00001.bin"};
+    QTest::addColumn<QStringList>("files");   // as they stand in the source directory
+    QTest::addColumn<QStringList>("written"); // as they stand in the output
+    auto grid = [](const QByteArray& name, const QByteArray& other = QByteArray()) {
+        auto one = [](const QByteArray& n) {
+            return "<GRD A=\"1\" B=\"2\" C=\"0.1\" D=\"0.1\" E=\"1\" F=\"1\" G=\"" + n + "\" I=\"2\"/>";
+        };
+        return "<TSK A=\"TSK1\" G=\"1\">" + one(name) + (other.isEmpty() ? QByteArray() : one(other)) + "</TSK>\n";
+    };
+    auto points = [](const char* name) {
+        return QByteArray("<PFD A=\"PFD1\" C=\"f\" D=\"1\"><PLN A=\"1\"><LSG A=\"1\"><PNT A=\"2\" C=\"1\" D=\"2\" J=\"") + name +
+               "\" K=\"9\"/></LSG></PLN></PFD>\n";
+    };
+    QTest::newRow("grid") << grid("GRD00001") << QStringList{"GRD00001.bin"} << QStringList{"GRD00001.bin"};
     QTest::newRow("time log") << QByteArray("<TSK A=\"TSK1\" G=\"1\"><TLG A=\"TLG00007\" C=\"1\"/></TSK>\n")
-                              << QStringList{"TLG00007.xml", "TLG00007.BIN"};
-    QTest::newRow("binary points") << QByteArray("<PFD A=\"PFD1\" C=\"f\" D=\"1\"><PLN A=\"1\"><LSG A=\"1\">"
-                                                 "<PNT A=\"2\" C=\"1\" D=\"2\" J=\"PNT00003\" K=\"9\"/>"
-                                                 "</LSG></PLN></PFD>\n")
-                                   << QStringList{"PNT00003.BIN"};
+                              << QStringList{"TLG00007.xml", "TLG00007.BIN"} << QStringList{"TLG00007.xml", "TLG00007.BIN"};
+    QTest::newRow("binary points") << points("PNT00003") << QStringList{"PNT00003.BIN"} << QStringList{"PNT00003.BIN"};
     QTest::newRow("attached file") << QByteArray("<AFE A=\"NOTES001.TXT\" B=\"1\" C=\"\" D=\"5\"/>\n")
-                                   << QStringList{"NOTES001.TXT"};
+                                   << QStringList{"NOTES001.TXT"} << QStringList{"NOTES001.TXT"};
+    // Found under the name given, written under the format's, element and file alike.
+    QTest::newRow("grid named short") << grid("GRD1") << QStringList{"GRD1.BIN"} << QStringList{"GRD00001.BIN"};
+    QTest::newRow("time log of 4 digits") << QByteArray("<TSK A=\"TSK1\" G=\"1\"><TLG A=\"TLG0007\" C=\"1\"/></TSK>\n")
+                                          << QStringList{"TLG0007.xml", "TLG0007.BIN"}
+                                          << QStringList{"TLG00007.XML", "TLG00007.BIN"};
+    QTest::newRow("point file in lower case") << points("pnt3") << QStringList{"pnt3.bin"} << QStringList{"PNT00003.BIN"};
+    // A name another element uses already stays as it is.
+    QTest::newRow("name taken") << grid("GRD00001", "grd1") << QStringList{"GRD00001.BIN", "grd1.bin"}
+                                << QStringList{"GRD00001.BIN", "grd1.bin"};
 }
 
 void Tst_xml_interface::referenced_files_copied()
 {
     QFETCH(QByteArray, children);
     QFETCH(QStringList, files);
+    QFETCH(QStringList, written);
     QTemporaryDir tmp;
     const QString source = QDir(tmp.path()).filePath("in");
     Files all{{"TASKDATA.XML", task_data(children)}, {"STRAY.BIN", "not referenced"}};
@@ -765,7 +781,7 @@ void Tst_xml_interface::referenced_files_copied()
     auto man = Element_man::create();
     XML_interface in(source);
     QVERIFY(run([&] { return in.load(man); }).ok);
-    QVERIFY(in.warnings().isEmpty());
+    QVERIFY2(in.warnings().isEmpty(), qPrintable(in.warnings().join('\n')));
     for (const QString& f : files)
         QVERIFY(in.used_files().contains(f));
     QCOMPARE(in.track_unused_files(), QStringList{"STRAY.BIN"});
@@ -773,9 +789,15 @@ void Tst_xml_interface::referenced_files_copied()
     const QString target = QDir(tmp.path()).filePath("out");
     in.set_output_dir(target);
     QVERIFY(run([&] { return in.save(man); }).ok);
-    for (const QString& f : files)
-        QCOMPARE(read_file(QDir(target).filePath(f)), all.value(f));
-    QVERIFY(!QFileInfo::exists(QDir(target).filePath("STRAY.BIN")));
+    for (int i = 0; i < files.size(); ++i)
+        QCOMPARE(read_file(QDir(target).filePath(written[i])), all.value(files[i]));
+    QStringList output = QDir(target).entryList(QDir::Files);
+    output.removeAll("TASKDATA.XML");
+    output.removeAll("GUIDLIST.XML");
+    QCOMPARE(output.size(), written.size());
+    const QByteArray main = read_file(QDir(target).filePath("TASKDATA.XML"));
+    for (const QString& w : written)
+        QVERIFY2(main.contains("=\"" + w.section('.', 0, 0).toLatin1()), main.constData());
     QCOMPARE(in.track_unused_files(), QStringList());
 
     // A referenced file missing in the source is reported, and the rest still saved.

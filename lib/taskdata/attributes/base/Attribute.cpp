@@ -74,6 +74,10 @@ bool Attribute::_load_xml(const QSharedPointer<Element>&, const QString&, XML_in
 
 bool Attribute::save_xml(QXmlStreamWriter& w, Element* owner, const QString& name, XML_interface& xi) const
 {
+    if (const QString* replaced = xi.written_text(this)) {
+        w.writeAttribute(name, *replaced);
+        return true;
+    }
     QString text;
     if (!_xml_value(text, owner, xi.format_version()))
         return false;
