@@ -36,7 +36,7 @@ public:
     {
         QString name;
         QString tag;    // XML code of the referring element ("GRD", "TLG", "PNT", "AFE", "XFR")
-        QString source; // the name the data gave, when the library writes another ("TLG0001.BIN")
+        QString source = QString(); // the name the data gave, when the library writes another ("TLG0001.BIN")
     };
     // The file in `dir`: under the name the data gave first, then under the name written.
     static QString find(const QString& dir, const Referenced_file& file);
