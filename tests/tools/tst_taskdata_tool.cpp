@@ -235,7 +235,7 @@ void Tst_taskdata_tool::usage_data()
                                                    << "needs a value";
     QTest::newRow("assumed version, no loading") << QStringList{"generate", "/tmp/x", "--assume-version", "4"} << 2
                                                  << "" << "--assume-version";
-    QTest::newRow("help lists assumed version") << QStringList{"help", "timelog"} << 0 << "--assume-version N" << "";
+    QTest::newRow("help lists assumed version") << QStringList{"help", "fields"} << 0 << "--assume-version N" << "";
     QTest::newRow("generate 3 points") << QStringList{"generate", "/tmp/x", "--points", "3"} << 2 << "" << "--points";
     QTest::newRow("generate bad seed") << QStringList{"generate", "/tmp/x", "--seed", "-1"} << 2 << "" << "--seed";
     QTest::newRow("ddi dispatched") << QStringList{"ddi", "1"} << 0 << "DDI 1" << "";

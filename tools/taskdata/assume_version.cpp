@@ -10,7 +10,8 @@ int g_assumed_version = 0;
 bool command_loads(const QString& command)
 {
     return command == QLatin1String("info") || command == QLatin1String("check") ||
-           command == QLatin1String("convert") || command == QLatin1String("timelog");
+           command == QLatin1String("convert") || command == QLatin1String("timelog") ||
+           command == QLatin1String("fields") || command == QLatin1String("report");
 }
 
 bool take_assume_version(QStringList& args, QString& error)
