@@ -27,10 +27,8 @@ private slots:
 
     void parse_forms_data();
     void parse_forms();
-    void round_trip_v4_data();
-    void round_trip_v4();
-    void version3_output_data();
-    void version3_output();
+    void round_trip_data();
+    void round_trip();
     void unreadable_data();
     void unreadable();
     void plain_qdatetime_data();
@@ -114,7 +112,7 @@ void Tst_time_source::parse_forms()
         QCOMPARE(plain.timeSpec(), Qt::LocalTime);
 }
 
-void Tst_time_source::round_trip_v4_data()
+void Tst_time_source::round_trip_data()
 {
     QTest::addColumn<QString>("text");
     QTest::addColumn<QString>("written");
@@ -133,6 +131,8 @@ void Tst_time_source::round_trip_v4_data()
         "2021-03-28T02:30:00",                // skipped local hour keeps its wall clock
         "2021-10-31T02:30:00",                // repeated local hour
         "2020-12-31T23:59:59.999",
+        "2020-12-31T23:59:59.999+01:00",      // version 3: cut, not rounded into the next year
+        "2024-03-01T01:00:00+14:00",          // version 3: the wall clock, a day ahead of UTC
         "2024-02-29T23:59:59.9999999+14:00",
         "0001-01-01T00:00:00Z",
         "9999-12-31T23:59:59.9999999-14:00",
@@ -149,7 +149,7 @@ void Tst_time_source::round_trip_v4_data()
     QTest::newRow("whitespace") << "\n 2021-03-18T22:00:00Z " << "2021-03-18T22:00:00Z";
 }
 
-void Tst_time_source::round_trip_v4()
+void Tst_time_source::round_trip()
 {
     QFETCH(QString, text);
     QFETCH(QString, written);
@@ -167,35 +167,13 @@ void Tst_time_source::round_trip_v4()
     // The plain QDateTime path keeps the instant (to the millisecond), not the text.
     const QDateTime plain = Time_source::from_isoxml_date(text);
     QCOMPARE(Time_source::from_isoxml_date(Time_source::to_isoxml_date(plain, 4)), plain);
-}
 
-void Tst_time_source::version3_output_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QString>("v3");
-
-    QTest::newRow("7 digits and offset") << "2023-04-14T10:51:44.3655163+02:00" << "2023-04-14T10:51:44";
-    QTest::newRow("Z keeps the UTC wall clock") << "2021-03-18T22:00:00.000Z" << "2021-03-18T22:00:00";
-    QTest::newRow("negative offset") << "2022-10-19T18:00:37.682-05:00" << "2022-10-19T18:00:37";
-    QTest::newRow("no zone") << "2016-05-12T13:54:59" << "2016-05-12T13:54:59";
-    QTest::newRow("cut, not rounded into the next year") << "2020-12-31T23:59:59.999+01:00" << "2020-12-31T23:59:59";
-    QTest::newRow("+00:00") << "2021-03-18T22:00:00+00:00" << "2021-03-18T22:00:00";
-    QTest::newRow("+14:00 is a day ahead of UTC") << "2024-03-01T01:00:00+14:00" << "2024-03-01T01:00:00";
-    QTest::newRow("skipped local hour") << "2021-03-28T02:30:00" << "2021-03-28T02:30:00";
-}
-
-void Tst_time_source::version3_output()
-{
-    QFETCH(QString, text);
-    QFETCH(QString, v3);
-
-    Isoxml_date d;
-    QVERIFY(Time_source::parse_isoxml_date(text, d));
+    // Version 3 has neither fraction nor zone: the wall clock as written, cut to the second.
+    const QString v3 = written.left(19);
     QCOMPARE(Time_source::format_isoxml_date(d, 3), v3);
     // The skipped local hour is the one text whose plain QDateTime has another wall clock.
-    const bool skipped_hour = d.zone_form == Isoxml_date::No_zone && d.value.timeSpec() != Qt::LocalTime;
-    if (!skipped_hour)
-        QCOMPARE(Time_source::to_isoxml_date(Time_source::from_isoxml_date(text), 3), v3);
+    if (d.zone_form != Isoxml_date::No_zone || d.value.timeSpec() == Qt::LocalTime)
+        QCOMPARE(Time_source::to_isoxml_date(plain, 3), v3);
 }
 
 void Tst_time_source::unreadable_data()
@@ -215,7 +193,6 @@ void Tst_time_source::unreadable_data()
     QTest::newRow("Feb 29 of a common year") << "2023-02-29T00:00:00";
     QTest::newRow("Feb 29 of 1900") << "1900-02-29T00:00:00";
     QTest::newRow("Apr 31") << "2021-04-31T00:00:00";
-    QTest::newRow("hour 25") << "2021-03-18T25:00:00";
     QTest::newRow("hour 24") << "2021-03-18T24:00:00";
     QTest::newRow("minute 60") << "2021-03-18T23:60:00";
     QTest::newRow("leap second") << "2016-12-31T23:59:60Z";
@@ -231,7 +208,6 @@ void Tst_time_source::unreadable_data()
     QTest::newRow("10 fraction digits") << "2021-03-18T22:00:00.1234567890Z";
     QTest::newRow("comma fraction") << "2021-03-18T22:00:00,5Z";
     QTest::newRow("offset beyond 14:00") << "2021-03-18T22:00:00+14:01";
-    QTest::newRow("offset 15 h") << "2021-03-18T22:00:00-15:00";
     QTest::newRow("offset minute 60") << "2021-03-18T22:00:00+01:60";
     QTest::newRow("offset one-digit hour") << "2021-03-18T22:00:00+2:00";
     QTest::newRow("offset colon, no minutes") << "2021-03-18T22:00:00+02:";
