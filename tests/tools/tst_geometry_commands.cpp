@@ -99,21 +99,16 @@ private slots:
 
 void Tst_geometry_commands::field_areas_against_geodesic_data()
 {
-    QTest::addColumn<QString>("set");
-    QTest::addColumn<int>("measured"); // fields with a boundary
-    QTest::newRow("v4-field-export") << "v4-field-export" << 1;
-    QTest::newRow("v4-vector-prescription") << "v4-vector-prescription" << 1;
-    QTest::newRow("v3-guidance") << "v3-guidance" << 1;
-    QTest::newRow("v4-guidance") << "v4-guidance" << 1;
-    QTest::newRow("v4-task-full") << "v4-task-full" << 1;
-    QTest::newRow("v4-mixed-case-timelog") << "v4-mixed-case-timelog" << 1;
+    QTest::addColumn<QString>("set"); // each with one field that has a boundary
+    for (const char* set : {"v4-field-export", "v4-vector-prescription", "v3-guidance", "v4-guidance", "v4-task-full",
+                            "v4-mixed-case-timelog"})
+        QTest::newRow(set) << set;
 }
 
 void Tst_geometry_commands::field_areas_against_geodesic()
 {
     KTD_REQUIRE_CORPUS(corpus);
     QFETCH(QString, set);
-    QFETCH(int, measured);
     const QString dir = corpus + QLatin1Char('/') + set;
     const Run_result r = run_tool({QStringLiteral("fields"), dir, QStringLiteral("--json")});
     QCOMPARE(r.code, 0);
@@ -143,7 +138,7 @@ void Tst_geometry_commands::field_areas_against_geodesic()
                  qPrintable(QStringLiteral("%1 vs %2").arg(perimeter).arg(g.perimeter)));
         ++compared;
     }
-    QCOMPARE(compared, measured);
+    QCOMPARE(compared, 1);
 }
 
 void Tst_geometry_commands::shape_info()
