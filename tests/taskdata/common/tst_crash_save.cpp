@@ -25,7 +25,7 @@ namespace {
 // Fewer under the sanitizers (their runs set these variables, for the child too), whose saves
 // are several times slower: the kills still land in every phase of a save.
 const int points =
-    qEnvironmentVariableIsSet("ASAN_OPTIONS") || qEnvironmentVariableIsSet("TSAN_OPTIONS") ? 5000 : 20000;
+    qEnvironmentVariableIsSet("ASAN_OPTIONS") || qEnvironmentVariableIsSet("TSAN_OPTIONS") ? 2000 : 20000;
 const char* const child_variable = "KTD_CRASH_CHILD_DIR";
 
 QSharedPointer<Element_man> build_document()
@@ -124,12 +124,15 @@ void Tst_crash_save::killed_while_saving()
         child.start(QCoreApplication::applicationFilePath(), QStringList());
         QVERIFY(child.waitForStarted(10000));
         QByteArray out;
+        QElapsedTimer first_save;
+        first_save.start();
         while (!out.contains("ready\n")) {
             QVERIFY2(child.state() == QProcess::Running || child.bytesAvailable() > 0,
                      out.constData());
             child.waitForReadyRead(100);
             out += child.readAllStandardOutput();
-            QVERIFY2(total.elapsed() < 120000, "the child never finished its first save");
+            // Per child: fifty children under a sanitizer on a busy machine take minutes in all.
+            QVERIFY2(first_save.elapsed() < 60000, "the child never finished its first save");
         }
         if (save_ms == 0) {
             const QRegularExpressionMatch m = QRegularExpression("XML_SAVE_OLD (\\d+)ms ok=1").match(QString::fromUtf8(out));
