@@ -6,6 +6,19 @@
 
 namespace Ktd_test {
 
+// Built with a sanitizer: threaded tests run fewer rounds (they check the same, more slowly).
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr bool sanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
+constexpr bool sanitized = true;
+#else
+constexpr bool sanitized = false;
+#endif
+#else
+constexpr bool sanitized = false;
+#endif
+
 // Real task data sets; empty when the reference data is not beside this clone.
 inline QString corpus_dir()
 {
@@ -76,5 +89,47 @@ private:
     int m_saved = -1;
     QTemporaryFile m_file;
 };
+
+} // namespace Ktd_test
+
+#include <QFile>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QStandardPaths>
+
+namespace Ktd_test {
+
+// --- schemas ---
+
+inline QString xmllint() { return QStandardPaths::findExecutable("xmllint"); }
+
+// The schemas of the reference data into `to`, less the fractionDigits facets: floats are
+// written with 14 decimals.
+inline bool copy_schemas(const QString& from, const QString& to)
+{
+    static const QRegularExpression facet("<xs:fractionDigits[^>]*/>");
+    if (!QDir().mkpath(to))
+        return false;
+    for (const QString& name : QDir(from).entryList({"*.xsd"}, QDir::Files)) {
+        QFile in(QDir(from).filePath(name));
+        QFile out(QDir(to).filePath(name));
+        if (!in.open(QIODevice::ReadOnly) || !out.open(QIODevice::WriteOnly))
+            return false;
+        out.write(QString::fromUtf8(in.readAll()).remove(facet).toUtf8());
+    }
+    return true;
+}
+
+// Empty when valid, else xmllint's complaint.
+inline QString validate(const QString& schema, const QString& file)
+{
+    QProcess p;
+    p.start(xmllint(), {"--noout", "--schema", schema, file});
+    if (!p.waitForFinished(60000))
+        return "xmllint did not finish";
+    if (p.exitCode() == 0)
+        return QString();
+    return QString::fromUtf8(p.readAllStandardError());
+}
 
 } // namespace Ktd_test

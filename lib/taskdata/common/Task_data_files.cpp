@@ -944,6 +944,12 @@ bool Task_data_files::save(XML_interface& xi, const QSharedPointer<Element_man>&
         xi.set_fail(tr("No task data to save"));
         return finish(false);
     }
+    // The document stays as it is while it is written: editors of single elements wait for it.
+    const Elements::Base::Tree_locker tree_lock({root, man->link_list()});
+    if (!tree_lock.locked()) {
+        xi.set_fail(tr("The task data is in use"));
+        return finish(false);
+    }
     if (dir.isEmpty()) {
         xi.set_fail(tr("No output directory"));
         return finish(false);

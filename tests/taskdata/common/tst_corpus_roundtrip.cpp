@@ -13,7 +13,6 @@
 
 #include <QProcess>
 #include <QRegularExpression>
-#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QXmlStreamReader>
 #include <QtTest>
@@ -237,34 +236,6 @@ QMap<QString, QByteArray> directory_bytes(const QString& dir)
 
 // --- schemas ---
 
-QString xmllint() { return QStandardPaths::findExecutable("xmllint"); }
-
-// The schemas as they are, less the fractionDigits facets: floats are written with 14 decimals.
-bool copy_schemas(const QString& from, const QString& to)
-{
-    static const QRegularExpression facet("<xs:fractionDigits[^>]*/>");
-    for (const QString& name : QDir(from).entryList({"*.xsd"}, QDir::Files)) {
-        QFile in(QDir(from).filePath(name));
-        QFile out(QDir(to).filePath(name));
-        if (!in.open(QIODevice::ReadOnly) || !out.open(QIODevice::WriteOnly))
-            return false;
-        out.write(QString::fromUtf8(in.readAll()).remove(facet).toUtf8());
-    }
-    return true;
-}
-
-// Empty when valid, else xmllint's complaint.
-QString validate(const QString& schema, const QString& file)
-{
-    QProcess p;
-    p.start(xmllint(), {"--noout", "--schema", schema, file});
-    if (!p.waitForFinished(60000))
-        return "xmllint did not finish";
-    if (p.exitCode() == 0)
-        return QString();
-    return QString::fromUtf8(p.readAllStandardError());
-}
-
 // The complaints of xmllint's text without file and line: "Element 'DVC', attribute 'G': ...".
 QSet<QString> complaints(const QString& text)
 {
@@ -425,7 +396,7 @@ void Tst_corpus_roundtrip::schema_valid_output()
     KTD_REQUIRE_CORPUS(corpus);
     KTD_REQUIRE_SHARED(shared);
     QFETCH(QString, set);
-    if (xmllint().isEmpty())
+    if (Ktd_test::xmllint().isEmpty())
         QSKIP("xmllint not installed (Debian package libxml2-utils)");
     if (!QFileInfo::exists(tool_path()))
         QSKIP("taskdata tool not built (KTD_BUILD_TOOLS=OFF)");
@@ -433,7 +404,7 @@ void Tst_corpus_roundtrip::schema_valid_output()
     QVERIFY(tmp.isValid());
     const QString schemas = QDir(tmp.path()).filePath("xsd");
     QVERIFY(QDir().mkpath(schemas));
-    QVERIFY(copy_schemas(QDir(shared).filePath("isoxml/xsd"), schemas));
+    QVERIFY(Ktd_test::copy_schemas(QDir(shared).filePath("isoxml/xsd"), schemas));
     const QString source = QDir(corpus).filePath(set);
     const QString target = QDir(tmp.path()).filePath("out");
     QCOMPARE(convert(source, target, {"--no-proprietary"}).code, 0);
@@ -460,8 +431,8 @@ void Tst_corpus_roundtrip::schema_valid_output()
                       QDir(schemas).filePath("ISO11783_LinkListFile_V4-3.xsd")});
     for (const auto& f : files) {
         const QString original = File_lookup::find(source, QFileInfo(f.first).fileName(), true).path;
-        const QSet<QString> allowed = complaints(validate(f.second, original));
-        for (const QString& c : complaints(validate(f.second, f.first)))
+        const QSet<QString> allowed = complaints(Ktd_test::validate(f.second, original));
+        for (const QString& c : complaints(Ktd_test::validate(f.second, f.first)))
             QVERIFY2(allowed.contains(c), qPrintable(QFileInfo(f.first).fileName() + ": " + c));
     }
 }

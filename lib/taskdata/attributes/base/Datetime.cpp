@@ -36,6 +36,7 @@ bool Datetime::set_string(const QSharedPointer<Element>& owner, const QString& t
     bool changed = !(d == m_value);
     m_value = d;
     changed |= set_flag_noevent(flag_valid, valid && ok);
+    changed |= set_flag_noevent(flag_empty, text.isEmpty());
     if (changed)
         notify_updated(owner);
     return changed;

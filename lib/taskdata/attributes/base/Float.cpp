@@ -75,7 +75,7 @@ bool Float::_set_val(double value, bool valid)
 
 bool Float::set_val(const QSharedPointer<Element>& owner, double value, bool valid)
 {
-    if (!_set_val(value, valid))
+    if (!set_val_noevent(value, valid))
         return false;
     notify_updated(owner);
     return true;

@@ -38,7 +38,12 @@ public:
 
     double get_val() const { return m_value; }
     bool set_val(const QSharedPointer<Element>& owner, double value, bool valid = true);
-    bool set_val_noevent(double value, bool valid = true) { return _set_val(value, valid); }
+    // Setting a value clears the empty flag (see Integer).
+    bool set_val_noevent(double value, bool valid = true)
+    {
+        const bool changed = _set_val(value, valid);
+        return set_flag_noevent(flag_empty, false) || changed;
+    }
 
     int compare(Element* a, Element* b, bool ascending = true) const override;
     void hash(Element* owner, Hash_arg& h) const override;

@@ -153,7 +153,7 @@ bool Integer<T>::_set_val(T value, bool valid)
 template <class T>
 bool Integer<T>::set_val(const QSharedPointer<Element>& owner, T value, bool valid)
 {
-    if (!_set_val(value, valid))
+    if (!set_val_noevent(value, valid))
         return false;
     notify_updated(owner);
     return true;

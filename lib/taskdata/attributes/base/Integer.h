@@ -39,8 +39,14 @@ public:
     const Spec& base_spec() const override = 0;
 
     T get_val() const { return m_value; }
+    // Setting a value clears the empty flag: an attribute read as empty text and then set is
+    // written with the value.
     bool set_val(const QSharedPointer<Element>& owner, T value, bool valid = true);
-    bool set_val_noevent(T value, bool valid = true) { return _set_val(value, valid); }
+    bool set_val_noevent(T value, bool valid = true)
+    {
+        const bool changed = _set_val(value, valid);
+        return set_flag_noevent(flag_empty, false) || changed;
+    }
 
     int compare(Element* a, Element* b, bool ascending = true) const override;
     void hash(Element* owner, Hash_arg& h) const override;

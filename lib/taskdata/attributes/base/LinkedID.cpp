@@ -1,6 +1,7 @@
 #include "LinkedID.h"
 
 #include "Integer.h"
+#include "UniqueID.h"
 
 #include <taskdata/elements/base/Element.h>
 #include <taskdata/elements/base/Element_man.h>
@@ -237,6 +238,58 @@ bool LinkedID::set_from_other(const Attribute* source, const QSharedPointer<Elem
         changed = true;
     }
     changed |= set_flags_noevent(other->m_flags);
+    if (changed && notify)
+        notify_updated(owner);
+    return changed;
+}
+
+bool LinkedID::copy_link(const QSharedPointer<Element>& owner, const LinkedID& source,
+                         const QSharedPointer<Element_man>& source_man, const QMap<QUuid, QUuid>& guid_map, bool notify)
+{
+    const QSharedPointer<Element_man> man = owner ? owner->man() : QSharedPointer<Element_man>();
+    if (!man)
+        return false;
+    auto by_guid = [&man](const QUuid& guid) {
+        QString prefix;
+        int n = 0;
+        return !guid.isNull() && man->lookup_uid_for_guid(guid, prefix, n) ? man->lookup(prefix, n)
+                                                                           : QSharedPointer<Element>();
+    };
+    const QSharedPointer<Element> t = source.m_target.toStrongRef();
+    QString tag;
+    int id = 0;
+    bool named = false; // the source names a number (0 can be one)
+    QSharedPointer<Element> target;
+    if (t) {
+        // The target's number is atomic and its GUID is read from the registry: neither needs the
+        // target's lock.
+        tag = t->get_tag();
+        const Attributes::Base::UniqueID* own = t->id_attribute();
+        const Attributes::Base::UniqueID::Number number = own ? own->number() : Attributes::Base::UniqueID::Number();
+        id = number.value;
+        named = number.set;
+        QUuid guid;
+        if (source_man)
+            source_man->lookup_guid(tag, id, guid);
+        if (guid_map.contains(guid))
+            target = by_guid(guid_map.value(guid));
+        else if (source_man == man)
+            target = t;
+        else
+            target = by_guid(guid);
+    } else {
+        named = source_man && source_man->pending_link(&source, tag, id);
+    }
+    bool changed;
+    if (target && accepts(target.data())) {
+        changed = m_target != target;
+        set_target(owner, target, false);
+    } else if (named) {
+        look_up(changed, owner, tag, id);
+    } else {
+        update_target_from_id(changed, owner, QString::fromLatin1(base_spec().target_tag), 0);
+    }
+    changed |= set_flags_noevent(source.m_flags);
     if (changed && notify)
         notify_updated(owner);
     return changed;

@@ -9,6 +9,8 @@
 
 #include <taskdata/attributes/base/Attribute.h>
 
+#include <QMap>
+#include <QUuid>
 #include <QWeakPointer>
 
 #include <limits>
@@ -77,6 +79,12 @@ public:
     }
     bool _set_from_ui_state(const QSharedPointer<Element>&, const UI::Attribute_ui_state&) override { return false; }
 
+    // Takes the reference of `source` (an element being copied, managed by `source_man`): a target
+    // whose GUID `guid_map` translates becomes the element of this manager with the mapped GUID;
+    // in the same manager the target stays; in another one it is found by its GUID, else by its
+    // number (waiting for it like a reference read from a file).
+    bool copy_link(const QSharedPointer<Element>& owner, const LinkedID& source,
+                   const QSharedPointer<Element_man>& source_man, const QMap<QUuid, QUuid>& guid_map, bool notify);
     // Called by the manager when a pending target is registered.
     void complete_pending(const QSharedPointer<Element>& owner, const QSharedPointer<Element>& target,
                           const QString& tag, int id);

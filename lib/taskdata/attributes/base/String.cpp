@@ -38,7 +38,7 @@ bool String::_set_string(const QString& text, bool valid)
 
 bool String::set_string(const QSharedPointer<Element>& owner, const QString& text, bool valid)
 {
-    if (!_set_string(text, valid))
+    if (!set_string_noevent(text, valid))
         return false;
     notify_updated(owner);
     return true;

@@ -34,7 +34,12 @@ public:
 
     const QString& get_string() const { return m_text; }
     bool set_string(const QSharedPointer<Element>& owner, const QString& text, bool valid = true);
-    bool set_string_noevent(const QString& text, bool valid = true) { return _set_string(text, valid); }
+    // Empty text sets the empty flag, any other text clears it (see Integer).
+    bool set_string_noevent(const QString& text, bool valid = true)
+    {
+        const bool changed = _set_string(text, valid);
+        return set_flag_noevent(flag_empty, text.isEmpty()) || changed;
+    }
 
     int compare(Element* a, Element* b, bool ascending = true) const override;
     void hash(Element* owner, Hash_arg& h) const override;

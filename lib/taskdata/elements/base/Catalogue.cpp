@@ -51,7 +51,11 @@ namespace Base {
 
 #define KTD_DEFINE_METHODS(Cls, Tag, Singular, Plural)                                         \
     Cls::Cls(const QWeakPointer<Element_man>& man) : Element(man) {}                          \
-    Cls::~Cls() { KTD_RELEASE_LINKS(Cls) }                                                           \
+    Cls::~Cls()                                                                                \
+    {                                                                                          \
+        KTD_RELEASE_LINKS(Cls)                                                                 \
+        release_registration();                                                                \
+    }                                                                                          \
     const char* Cls::xml_tag() { return Tag; }                                                 \
     const Kind_info& Cls::static_kind()                                                        \
     {                                                                                          \

@@ -10,6 +10,7 @@
 #include <taskdata/common/XML_interface.h>
 
 #include <QDomElement>
+#include <QMutex>
 #include <QVarLengthArray>
 #include <QXmlStreamReader>
 #include <QXmlStreamWriter>
@@ -22,6 +23,65 @@ namespace Elements {
 namespace Base {
 
 using Attributes::Base::Attribute;
+
+namespace {
+// Parent links and erased marks of every element. Innermost: held only to read or write them.
+QBasicMutex g_tree_mutex;
+
+struct Tree_guard
+{
+    Tree_guard() { g_tree_mutex.lock(); }
+    ~Tree_guard() { g_tree_mutex.unlock(); }
+    Tree_guard(const Tree_guard&) = delete;
+    Tree_guard& operator=(const Tree_guard&) = delete;
+};
+
+// What this thread holds: its element locks in the order taken, and work that waits for it to
+// hold none (Element::run_locked).
+struct Thread_locks
+{
+    struct Deferred
+    {
+        QWeakPointer<Element> element;
+        Element::Locked_work work;
+    };
+    QVarLengthArray<Element*, 16> held;
+    QVector<Deferred> deferred;
+    bool running_deferred = false;
+};
+thread_local Thread_locks t_locks;
+thread_local char t_thread_token = 0;
+
+const void* this_thread() { return &t_thread_token; }
+
+void forget_held(Element* e)
+{
+    auto& held = t_locks.held;
+    for (int i = held.size() - 1; i >= 0; --i) {
+        if (held[i] == e) {
+            held.remove(i);
+            return;
+        }
+    }
+}
+
+void run_deferred()
+{
+    Thread_locks& t = t_locks;
+    t.running_deferred = true;
+    while (!t.deferred.isEmpty()) {
+        Thread_locks::Deferred d = t.deferred.takeFirst();
+        const QSharedPointer<Element> e = d.element.toStrongRef();
+        if (!e)
+            continue;
+        // This thread holds nothing here, so it may wait for any lock.
+        Element_locker_new lock(e, -1);
+        if (lock)
+            d.work(e);
+    }
+    t.running_deferred = false;
+}
+} // namespace
 
 Element::Extras::~Extras()
 {
@@ -50,29 +110,54 @@ void Element::handle_xml_version_change(int) {}
 bool Element::set(QSharedPointer<Element>& self, Element* other, bool copy_children, bool notify,
                   QMap<QUuid, QUuid> guid_map, QSet<QByteArray> skip_attributes, bool copy_ids)
 {
-    if (!other || other->get_tag() != get_tag())
+    if (!other || other == this || other->get_tag() != get_tag())
+        return false;
+    const QSharedPointer<Element> source = other->get_sp();
+    if (!source)
+        return false;
+    // Both sides whole before anything changes: this element (with its children when they are
+    // copied) first, in the lock order, then the source, only tried when that is out of order.
+    auto whole = [copy_children](const QSharedPointer<Element>& e) {
+        return copy_children ? QVector<QSharedPointer<Element>>{e} : QVector<QSharedPointer<Element>>{};
+    };
+    const Tree_locker mine_tree(whole(self));
+    const Element_locker_new mine(copy_children ? QSharedPointer<Element>() : self, -1);
+    if (!(copy_children ? mine_tree.locked() : mine.locked()))
+        return false;
+    const Tree_locker source_tree(whole(source));
+    const Element_locker_new source_lock(copy_children ? QSharedPointer<Element>() : source, -1);
+    if (!(copy_children ? source_tree.locked() : source_lock.locked()))
         return false;
     bool changed = false;
     const unsigned n = _num_iso_attributes();
     for (unsigned i = 0; i < n; ++i) {
-        Attribute* mine = _attribute(i);
-        const Attribute* theirs = other->_attribute(i);
-        if (!mine || !theirs)
+        Attribute* mine_attribute = _attribute(i);
+        const Attribute* theirs_attribute = other->_attribute(i);
+        if (!mine_attribute || !theirs_attribute)
             continue;
-        if (skip_attributes.contains(QByteArray(mine->base_spec().name)))
+        if (skip_attributes.contains(QByteArray(mine_attribute->base_spec().name)))
             continue;
-        if (!copy_ids && kind().id_index == int(i))
+        if (kind().id_index == int(i)) {
+            auto id = static_cast<Attributes::Base::UniqueID*>(mine_attribute);
+            auto source_id = static_cast<const Attributes::Base::UniqueID*>(theirs_attribute);
+            changed |= id->copy_identity(self, *source_id, guid_map, copy_ids, notify);
             continue;
-        changed |= mine->set_from_other(theirs, self, notify);
+        }
+        if (auto link = dynamic_cast<Attributes::Base::LinkedID*>(mine_attribute)) {
+            changed |= link->copy_link(self, *static_cast<const Attributes::Base::LinkedID*>(theirs_attribute),
+                                       other->man(), guid_map, notify);
+            continue;
+        }
+        changed |= mine_attribute->set_from_other(theirs_attribute, self, notify);
     }
     if (other->m_extras) {
         for (const auto& a : other->m_extras->attributes) {
-            Attribute* mine = extra_attribute(a.first);
-            if (!mine) {
-                mine = new Attributes::Base::Extra_string(a.first);
-                _add(a.first, mine);
+            Attribute* mine_attribute = extra_attribute(a.first);
+            if (!mine_attribute) {
+                mine_attribute = new Attributes::Base::Extra_string(a.first);
+                _add(a.first, mine_attribute);
             }
-            changed |= mine->set_from_other(a.second, self, notify);
+            changed |= mine_attribute->set_from_other(a.second, self, notify);
         }
         if (extras().parameters != other->m_extras->parameters) {
             extras().parameters = other->m_extras->parameters;
@@ -87,15 +172,18 @@ bool Element::set(QSharedPointer<Element>& self, Element* other, bool copy_child
     if (copy_children) {
         const unsigned lists = _num_element_lists();
         for (unsigned l = 0; l < lists; ++l) {
-            Element_list* mine = _element_list(l);
-            Element_list* theirs = other->_element_list(l);
-            for (int i = 0; i < theirs->count(); ++i) {
-                QSharedPointer<Element> src = theirs->at(i);
-                QSharedPointer<Element> dst = i < mine->count() ? mine->at(i) : mine->create_element(m_man);
-                if (i >= mine->count()) {
-                    mine->add(dst, -1, notify);
+            Element_list* mine_list = _element_list(l);
+            Element_list* theirs_list = other->_element_list(l);
+            for (int i = 0; i < theirs_list->count(); ++i) {
+                QSharedPointer<Element> src = theirs_list->at(i);
+                QSharedPointer<Element> dst = i < mine_list->count() ? mine_list->at(i) : QSharedPointer<Element>();
+                if (!dst) {
+                    dst = mine_list->create_element(m_man);
+                    const Element_locker_new fresh(dst, 0);
                     if (!copy_ids)
                         dst->set_attributes_to_default(dst, false);
+                    if (!mine_list->add(dst, -1, notify))
+                        return false;
                 }
                 dst->set(dst, src.data(), true, notify, guid_map, skip_attributes, copy_ids);
                 changed = true;
@@ -105,21 +193,28 @@ bool Element::set(QSharedPointer<Element>& self, Element* other, bool copy_child
     return changed;
 }
 
-void Element::deregister_ids()
+void Element::release_registration()
 {
-    QSharedPointer<Element_man> m = man();
-    if (m) {
-        if (Attributes::Base::UniqueID* id = id_attribute()) {
-            if (id->has_number())
-                m->deregister_uid(id->get_tag(), id->get_val());
-        }
-    }
-    const unsigned lists = _num_element_lists();
-    for (unsigned l = 0; l < lists; ++l) {
-        Element_list* list = _element_list(l);
-        for (const auto& c : list->elements())
-            c->deregister_ids();
-    }
+    Attributes::Base::UniqueID* id = id_attribute();
+    if (!id || !id->has_number())
+        return;
+    if (QSharedPointer<Element_man> m = man())
+        m->release_uid(id->get_tag(), id->get_val(), this);
+}
+
+void Element::sync_registration()
+{
+    const QSharedPointer<Element> self = get_sp();
+    if (!self)
+        return;
+    run_locked(self, [](const QSharedPointer<Element>& e) {
+        if (Attributes::Base::UniqueID* id = e->id_attribute())
+            id->sync_registration(e);
+        const unsigned lists = e->_num_element_lists();
+        for (unsigned l = 0; l < lists; ++l)
+            for (const auto& c : e->_element_list(l)->elements())
+                c->sync_registration();
+    });
 }
 
 void Element::release_links()
@@ -143,14 +238,83 @@ void Element::forget_link(Attributes::Base::LinkedID* link)
         m->forget_link(link);
 }
 
+Element::Parent_lock Element::lock_parent_for_erase(const QSharedPointer<Element>& parent)
+{
+    if (parent->held_by_current_thread())
+        return parent->try_lock(0) ? Parent_lock::held : Parent_lock::busy;
+    // Waiting for the parent while holding this element would wait upwards.
+    const int depth = held_by_current_thread() ? m_lock_depth : 0;
+    if (depth == 0) {
+        const bool may_wait = parent->may_wait_for_lock();
+        return parent->try_lock(may_wait ? -1 : 0) ? Parent_lock::held : Parent_lock::busy;
+    }
+    if (t_locks.held.size() > 1)
+        return parent->try_lock(0) ? Parent_lock::held : Parent_lock::busy;
+    // This element is all this thread holds: it lets go of it while it waits for the parent.
+    const bool running = t_locks.running_deferred;
+    t_locks.running_deferred = true; // nothing deferred runs while this element is let go
+    m_lock_depth = 1;
+    unlock();
+    parent->try_lock(-1);
+    bool same_parent;
+    {
+        Tree_guard tree;
+        same_parent = m_parent == parent.data();
+    }
+    if (!same_parent) {
+        // Moved meanwhile: the parent is not above this element any more, so this element is
+        // taken back with nothing held.
+        parent->unlock();
+    }
+    try_lock(-1);
+    m_lock_depth = depth;
+    t_locks.running_deferred = running;
+    return same_parent ? Parent_lock::held : Parent_lock::moved;
+}
+
 bool Element::erase(QSharedPointer<Element>& self)
 {
-    deregister_ids();
-    if (m_parent_list) {
-        const int i = m_parent_list->index_of(this);
-        if (i >= 0)
-            m_parent_list->take(i, true);
+    // The parent's lock before this element's (ancestors first), then this element's subtree
+    // leaves the registry.
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        const QSharedPointer<Element> parent = parent_sp();
+        if (!parent)
+            break;
+        const Parent_lock got = lock_parent_for_erase(parent);
+        if (got == Parent_lock::busy)
+            return false;
+        if (got == Parent_lock::moved)
+            continue;
+        const Element_locker_new own(self, -1);
+        if (!own) {
+            parent->unlock();
+            return false;
+        }
+        bool same_parent;
+        Element_list* list = nullptr;
+        {
+            Tree_guard tree;
+            same_parent = m_parent == parent.data();
+            list = m_parent_list;
+            if (same_parent)
+                m_erased = true;
+        }
+        if (same_parent) {
+            const int i = list->index_of(this);
+            if (i >= 0)
+                list->take(i, true);
+        }
+        parent->unlock();
+        if (same_parent)
+            break;
     }
+    {
+        Tree_guard tree;
+        if (m_parent)
+            return false; // moved elsewhere again and again: leave it where it is
+        m_erased = true;
+    }
+    sync_registration();
     return true;
 }
 
@@ -349,10 +513,138 @@ bool Element::has_id() const
 
 QSharedPointer<Element> Element::root() const
 {
+    Tree_guard tree;
     const Element* e = this;
     while (e->m_parent)
         e = e->m_parent;
-    return e->get_sp();
+    return const_cast<Element*>(e)->sharedFromThis();
+}
+
+Element* Element::parent_element() const
+{
+    Tree_guard tree;
+    return m_parent;
+}
+
+Element_list* Element::parent_list() const
+{
+    Tree_guard tree;
+    return m_parent_list;
+}
+
+QSharedPointer<Element> Element::parent_sp() const
+{
+    // A parent whose last reference is gone is being destroyed: it answers null here.
+    Tree_guard tree;
+    return m_parent ? m_parent->sharedFromThis() : QSharedPointer<Element>();
+}
+
+bool Element::has_ancestor(const Element* ancestor) const
+{
+    Tree_guard tree;
+    for (const Element* e = m_parent; e; e = e->m_parent)
+        if (e == ancestor)
+            return true;
+    return false;
+}
+
+bool Element::registrable() const
+{
+    Tree_guard tree;
+    for (const Element* e = this; e; e = e->m_parent)
+        if (e->m_erased)
+            return false;
+    return true;
+}
+
+void Element::link_child(Element* child, Element* parent, Element_list* list)
+{
+    Tree_guard tree;
+    child->m_parent = parent;
+    child->m_parent_list = list;
+    child->m_erased = false;
+}
+
+void Element::unlink_child(Element* child, const Element* parent)
+{
+    Tree_guard tree;
+    if (child->m_parent != parent)
+        return;
+    // A child taken out of an erased subtree holds no registration: it stays unregistrable
+    // until it is added to a list again.
+    bool erased = false;
+    for (const Element* e = child; e && !erased; e = e->m_parent)
+        erased = e->m_erased;
+    child->m_parent = nullptr;
+    child->m_parent_list = nullptr;
+    child->m_erased = erased;
+}
+
+bool Element::try_lock(int timeout_ms)
+{
+    if (m_lock_owner.load(std::memory_order_relaxed) == this_thread()) {
+        ++m_lock_depth;
+        return true;
+    }
+    const bool ok = timeout_ms < 0 ? (m_lock.lock(), true) : m_lock.tryLock(timeout_ms);
+    if (!ok)
+        return false;
+    m_lock_owner.store(this_thread(), std::memory_order_relaxed);
+    m_lock_depth = 1;
+    t_locks.held.append(this);
+    return true;
+}
+
+void Element::unlock()
+{
+    if (--m_lock_depth > 0)
+        return;
+    m_lock_owner.store(nullptr, std::memory_order_relaxed);
+    m_lock.unlock();
+    forget_held(this);
+    if (t_locks.held.isEmpty() && !t_locks.deferred.isEmpty() && !t_locks.running_deferred)
+        run_deferred();
+}
+
+bool Element::held_by_current_thread() const
+{
+    return m_lock_owner.load(std::memory_order_relaxed) == this_thread();
+}
+
+bool Element::thread_holds_element_locks() { return !t_locks.held.isEmpty(); }
+
+bool Element::may_wait_for_lock() const
+{
+    const auto& held = t_locks.held;
+    if (held.isEmpty() || (held.size() == 1 && held[0] == this))
+        return true;
+    QVarLengthArray<const Element*, 32> above;
+    {
+        Tree_guard tree;
+        for (const Element* e = m_parent; e; e = e->m_parent)
+            above.append(e);
+    }
+    for (const Element* h : held)
+        if (h != this && !above.contains(h))
+            return false;
+    return true;
+}
+
+void Element::run_locked(const QSharedPointer<Element>& element, Locked_work work)
+{
+    if (!element)
+        return;
+    {
+        // Taken only when this thread holds it, may wait for it or finds it free.
+        Element_locker_new lock(element, -1);
+        if (lock) {
+            work(element);
+            return;
+        }
+    }
+    t_locks.deferred.append({element.toWeakRef(), std::move(work)});
+    if (t_locks.held.isEmpty() && !t_locks.running_deferred)
+        run_deferred();
 }
 
 QVector<Attribute*> Element::extra_attributes() const
@@ -449,14 +741,23 @@ void Element::notify_attribute_updated(Attribute*)
     notify_changed(0);
 }
 
+void Element::raise_stamp(std::atomic<quint64>& stamp, quint64 value)
+{
+    quint64 old = stamp.load(std::memory_order_relaxed);
+    while (old < value && !stamp.compare_exchange_weak(old, value, std::memory_order_relaxed)) {
+    }
+}
+
 void Element::notify_changed(unsigned)
 {
     QSharedPointer<Element_man> m = man();
-    const quint64 stamp = m ? m->bump_change_counter() : m_stamp + 1;
+    const quint64 stamp = m ? m->bump_change_counter() : m_stamp.load(std::memory_order_relaxed) + 1;
+    // Ancestors are stamped without their locks: stamps are atomic and only go up.
+    Tree_guard tree;
     for (Element* e = this; e; e = e->m_parent) {
-        e->m_stamp = stamp;
+        raise_stamp(e->m_stamp, stamp);
         if (e->m_parent_list)
-            e->m_parent_list->set_stamp(stamp);
+            raise_stamp(e->m_parent_list->m_stamp, stamp);
     }
 }
 
@@ -827,8 +1128,12 @@ bool Element::_save_xml(const QSharedPointer<Element>& self, QXmlStreamWriter& w
 
 Element_locker_new::Element_locker_new(const QSharedPointer<Element>& element, int timeout_ms) : m_element(element)
 {
-    if (m_element)
-        m_locked = m_element->try_lock(timeout_ms);
+    if (m_element) {
+        Element* e = m_element.data();
+        // Out of the lock order a busy lock is not waited for: that wait could close a cycle.
+        const bool may_wait = e->held_by_current_thread() || e->may_wait_for_lock();
+        m_locked = e->try_lock(may_wait ? timeout_ms : 0);
+    }
     if (!m_locked)
         m_element.reset();
 }
@@ -837,6 +1142,46 @@ Element_locker_new::~Element_locker_new()
 {
     if (m_locked)
         m_element->unlock();
+}
+
+Tree_locker::Tree_locker(const QVector<QSharedPointer<Element>>& tops)
+{
+    bool wait = true;
+    for (const auto& top : tops) {
+        if (!top)
+            continue;
+        // Decided once, at the first top: the tops always come in the same order.
+        if (m_tops.isEmpty())
+            wait = top->may_wait_for_lock();
+        m_tops.append(top);
+        if (!take(top.data(), wait)) {
+            release();
+            return;
+        }
+    }
+    m_locked = true;
+}
+
+Tree_locker::~Tree_locker() { release(); }
+
+bool Tree_locker::take(Element* e, bool wait)
+{
+    if (!e->try_lock(wait ? -1 : 0))
+        return false;
+    m_held.append(e);
+    const unsigned lists = e->_num_element_lists();
+    for (unsigned l = 0; l < lists; ++l)
+        for (const auto& c : e->_element_list(l)->elements())
+            if (!take(c.data(), wait))
+                return false;
+    return true;
+}
+
+void Tree_locker::release()
+{
+    while (!m_held.isEmpty())
+        m_held.takeLast()->unlock();
+    m_locked = false;
 }
 
 } // namespace Base

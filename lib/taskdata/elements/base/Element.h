@@ -5,7 +5,8 @@
 // owns its fixed attributes (inline members of its kind), its extra attributes (read from a
 // file but not declared by the kind) and its extended parameters.
 // Threads: any thread may read or write an element while it holds the element's data lock
-// (Element_locker_new); the element's own operations assume the caller does.
+// (Element_locker_new); the element's own operations assume the caller does. The order in which
+// threads take several element locks is described above Element_locker_new below.
 #pragma once
 
 #include <taskdata/attributes/base/Attribute.h>
@@ -23,6 +24,9 @@
 #include <QVariant>
 #include <QVector>
 #include <QWeakPointer>
+
+#include <atomic>
+#include <functional>
 
 class QXmlStreamReader;
 class QXmlStreamWriter;
@@ -177,9 +181,18 @@ public:
     QSharedPointer<Element_man> man() const { return m_man.toStrongRef(); }
     QWeakPointer<Element_man> weak_man() const { return m_man; }
     void set_man(const QWeakPointer<Element_man>& man) { m_man = man; }
-    Element* parent_element() const { return m_parent; }
-    Element_list* parent_list() const { return m_parent_list; }
+    // The parent and the list holding this element. The raw pointers stay valid while the parent
+    // lives; parent_sp() keeps it alive. Parent links change under the tree mutex, so these may be
+    // read without the parent's lock.
+    Element* parent_element() const;
+    Element_list* parent_list() const;
+    QSharedPointer<Element> parent_sp() const;
     QSharedPointer<Element> root() const;
+    // Whether `ancestor` is this element's parent, grandparent, ...
+    bool has_ancestor(const Element* ancestor) const;
+    // False for an erased element and everything below it until it is added to a list again:
+    // only elements that may be registered hold their identifiers in the manager's registry.
+    bool registrable() const;
 
     // --- extra content kept for round trips ---
     QVector<Attribute*> extra_attributes() const;
@@ -212,8 +225,8 @@ public:
     bool remove_extended_parameter(const QString& key);
 
     // --- change bookkeeping (receivers are registered by the event layer) ---
-    quint64 stamp() const { return m_stamp; }
-    void set_stamp(quint64 s) { m_stamp = s; }
+    quint64 stamp() const { return m_stamp.load(std::memory_order_relaxed); }
+    void set_stamp(quint64 s) { m_stamp.store(s, std::memory_order_relaxed); }
     // Raises the manager's change counter and stamps this element, its ancestors and its list.
     void notify_attribute_updated(Attribute* attribute);
     void notify_changed(unsigned update_type);
@@ -222,18 +235,35 @@ public:
     static void reading_new_child(Element* child);
     QVector<QWeakPointer<QObject>>& receivers();
 
-    // --- data lock ---
-    bool try_lock(int timeout_ms) { return timeout_ms < 0 ? (m_lock.lock(), true) : m_lock.tryLock(timeout_ms); }
-    void unlock() { m_lock.unlock(); }
-
     // Drops this element's links from the manager's bookkeeping.
     void release_links();
     void forget_link(Attributes::Base::LinkedID* link);
-    // Deregisters the identifiers of this element and its descendants.
-    void deregister_ids();
+    // Lets go of this element's own registry entry (an element being destroyed).
+    void release_registration();
+    // Brings the registry in line with this element and its descendants: a registrable element
+    // holds its number (a new negative one when another element took it meanwhile), any other
+    // lets go of it. Each element is visited under its own lock (run_locked).
+    void sync_registration();
+
+    // --- data lock (the lock order is described above Element_locker_new) ---
+    // The raw lock, recursive for the thread that holds it; a negative timeout waits without
+    // limit. Element_locker_new is the way to take it: it keeps the element alive and the order.
+    bool try_lock(int timeout_ms);
+    void unlock();
+    bool held_by_current_thread() const;
+    // Whether this thread may wait for this element's lock: every element lock it holds (other
+    // than this element's own) is the lock of one of its ancestors.
+    bool may_wait_for_lock() const;
+    static bool thread_holds_element_locks();
+    // Runs `work` with `element` locked by this thread: at once when this thread holds the lock,
+    // may wait for it or finds it free; otherwise as soon as this thread lets go of its last
+    // element lock. `work` is not run when the element is gone by then.
+    using Locked_work = std::function<void(const QSharedPointer<Element>&)>;
+    static void run_locked(const QSharedPointer<Element>& element, Locked_work work);
 
 protected:
     friend class Element_list;
+    friend class Tree_locker;
     struct Extras
     {
         QVector<QPair<QString, Attribute*>> attributes; // in document order
@@ -255,16 +285,62 @@ protected:
     template <class R>
     bool load_children_from(const QSharedPointer<Element>& self, R& r, XML_interface& xi);
 
+    // Parent links, written under the tree mutex. link_child also clears the erased mark.
+    static void link_child(Element* child, Element* parent, Element_list* list);
+    static void unlink_child(Element* child, const Element* parent);
+    // Raises a stamp; a stamp never goes back, whatever order concurrent changes finish in.
+    static void raise_stamp(std::atomic<quint64>& stamp, quint64 value);
+    // The parent's lock for erase(): a thread that holds only this element lets go of it while
+    // it waits; `moved` when the element went to another parent meanwhile (nothing held then
+    // but this element, as before).
+    enum class Parent_lock { held, moved, busy };
+    Parent_lock lock_parent_for_erase(const QSharedPointer<Element>& parent);
+
     QWeakPointer<Element_man> m_man;
+    // Written under the tree mutex (and the locks of the parent and this element).
     Element* m_parent = nullptr;
     Element_list* m_parent_list = nullptr;
+    bool m_erased = false;
     Extras* m_extras = nullptr;
-    quint64 m_stamp = 0;
+    std::atomic<quint64> m_stamp{0};
     QMutex m_lock;
+    std::atomic<const void*> m_lock_owner{nullptr}; // the holding thread's token
+    int m_lock_depth = 0;                           // touched by the holding thread only
 };
 
+// Lock order. Every element has one data lock, recursive for the thread that holds it.
+//  1. A thread waits for an element's lock only while every element lock it holds is the lock of
+//     one of that element's ancestors. Waits therefore only ever go down the tree: a client
+//     operation that locks an element and then its children, a writer descending from the root.
+//  2. A lock out of that order (an unrelated element, a parent while holding its child, an element
+//     outside the tree while holding one inside) is never waited for: Element_locker_new takes it
+//     only when it is free and otherwise holds nothing. Where the library itself must touch a
+//     second element:
+//       - completing a pending link when its target registers, attaching a GUID read from the GUID
+//         list, registering the descendants of an element added again: the other element is
+//         changed at once when its lock can be had under rules 1 and 2, else as soon as this
+//         thread holds no element lock (Element::run_locked);
+//       - erasing an element: its parent is locked first; a thread holding only the element (and
+//         ancestors of the parent) lets go of it while it waits for the parent, then takes it back;
+//       - moving a child out of another list, copying from another element: refused (false,
+//         nothing changed) while the other element is busy.
+//  3. Tree_locker keeps a whole document: the document root's tree, then the link list's, each
+//     descending from its root in document order, every lock kept until it ends.
+//  4. Innermost, and nothing is called while they are held: the tree mutex (parent links and
+//     erased marks, held only to read or write them) and the element manager's registry mutex (no
+//     element lock, notification or link completion happens under it).
+//  Change stamps are atomic and only ever raised, so a change stamps its ancestors and their lists
+//  without their locks.
+// Why a whole-tree writer and editors cannot deadlock: a thread that holds any element lock waits
+// only for a descendant of everything it holds (rule 1), and the writer holds the ancestors of
+// everything it holds, so no such thread can be waiting for an element the writer holds (it would
+// have to hold that element's ancestor too). The writer itself waits only for elements below the
+// ones it holds, whose holders in turn wait only further down; a cycle of waits would have to
+// come back up, which no rule allows.
+
 // Scoped lock of one element's data. Keeps the element alive while it lives; when the pointer
-// is null or the lock cannot be had in time it holds nothing and every access fails softly.
+// is null, the lock cannot be had in time, or taking it would break the lock order (rule 2
+// above: it is then taken only when free), it holds nothing and every access fails softly.
 class KTD_EXPORT Element_locker_new
 {
 public:
@@ -280,6 +356,28 @@ public:
 
 private:
     QSharedPointer<Element> m_element;
+    bool m_locked = false;
+};
+
+// Scoped lock of whole trees (a document being written): locks each top and everything below
+// it, parents before children, and keeps every lock until it ends. Tops are taken in the order
+// given: the document root, then the link list. A thread that holds locks out of that order
+// only tries, and holds nothing when one element is busy.
+// Thread: the constructing thread, which must also destroy it.
+class KTD_EXPORT Tree_locker
+{
+public:
+    explicit Tree_locker(const QVector<QSharedPointer<Element>>& tops);
+    ~Tree_locker();
+    Tree_locker(const Tree_locker&) = delete;
+    Tree_locker& operator=(const Tree_locker&) = delete;
+    bool locked() const { return m_locked; }
+
+private:
+    bool take(Element* e, bool wait);
+    void release();
+    QVector<QSharedPointer<Element>> m_tops;
+    QVector<Element*> m_held; // in locking order; kept alive by the tops
     bool m_locked = false;
 };
 

@@ -24,12 +24,9 @@ Element_list::Element_list(Element* owner, const char* tag, int version) : m_own
 
 Element_list::~Element_list()
 {
-    for (const auto& c : m_children) {
-        if (c->m_parent == m_owner) {
-            c->m_parent = nullptr;
-            c->m_parent_list = nullptr;
-        }
-    }
+    // Children that outlive their parent (someone else holds them) forget it before it goes.
+    for (const auto& c : m_children)
+        Element::unlink_child(c.data(), m_owner);
 }
 
 int Element_list::index_of(const Element* e) const
@@ -42,8 +39,7 @@ int Element_list::index_of(const Element* e) const
 
 void Element_list::set_list(Element* child, Element* parent, Element_list* list, int)
 {
-    child->m_parent = parent;
-    child->m_parent_list = list;
+    Element::link_child(child, parent, list);
 }
 
 bool Element_list::load_xml(const QSharedPointer<Element>& owner, QXmlStreamReader& r, XML_interface& xi, int index)
@@ -171,17 +167,33 @@ template bool Element_list::load_xml_from<Qt_xml_source>(const QSharedPointer<El
 
 bool Element_list::add(const QSharedPointer<Element>& child, int index, bool notify)
 {
-    if (!child || !accepts(child.data()))
+    if (!child || !accepts(child.data()) || child->weak_man() != m_owner->weak_man())
         return false;
-    if (child->m_parent_list && child->m_parent_list != this) {
-        const int old = child->m_parent_list->index_of(child.data());
-        if (old >= 0)
-            child->m_parent_list->take(old, notify);
+    // The owner first, then the child (ancestors before descendants); the child is outside this
+    // list, so it is taken only when free unless this thread holds it already.
+    const Element_locker_new owner_lock(m_owner->get_sp(), -1);
+    if (!owner_lock || child.data() == m_owner || m_owner->has_ancestor(child.data()))
+        return false;
+    const Element_locker_new child_lock(child, -1);
+    if (!child_lock)
+        return false;
+    if (Element_list* from = child->parent_list()) {
+        if (from == this)
+            return false; // already here: a second entry would make it its own sibling
+        const Element_locker_new from_lock(from->m_owner->get_sp(), -1);
+        const int old = from_lock ? from->index_of(child.data()) : -1;
+        if (old < 0 || !from->take(old, notify))
+            return false;
     }
+    const bool was_registrable = child->registrable();
     if (index < 0 || index > m_children.size())
         index = m_children.size();
     m_children.insert(index, child);
     set_list(child.data(), m_owner, this, index);
+    // An element added again after it was erased takes its identifiers back; one added below an
+    // erased element lets go of them.
+    if (was_registrable != child->registrable())
+        child->sync_registration();
     if (notify)
         send_list_add_event(index);
     return true;
@@ -189,11 +201,15 @@ bool Element_list::add(const QSharedPointer<Element>& child, int index, bool not
 
 QSharedPointer<Element> Element_list::take(int index, bool notify)
 {
-    if (index < 0 || index >= m_children.size())
+    const Element_locker_new owner_lock(m_owner->get_sp(), -1);
+    if (!owner_lock || index < 0 || index >= m_children.size())
         return QSharedPointer<Element>();
-    QSharedPointer<Element> c = m_children.takeAt(index);
-    c->m_parent = nullptr;
-    c->m_parent_list = nullptr;
+    const QSharedPointer<Element> c = m_children.at(index);
+    const Element_locker_new child_lock(c, -1);
+    if (!child_lock)
+        return QSharedPointer<Element>();
+    m_children.remove(index);
+    Element::unlink_child(c.data(), m_owner);
     if (notify)
         send_list_remove_event(index);
     return c;
@@ -202,14 +218,20 @@ QSharedPointer<Element> Element_list::take(int index, bool notify)
 void Element_list::clear(bool notify)
 {
     while (!m_children.isEmpty())
-        take(m_children.size() - 1, notify);
+        if (!take(m_children.size() - 1, notify))
+            return;
 }
 
 QSharedPointer<Element> Element_list::create_and_add(bool notify)
 {
     QSharedPointer<Element> e = create_element(m_owner->weak_man());
-    add(e, -1, notify);
-    e->set_attributes_to_default(e, false);
+    {
+        // Numbered before it can be seen: nobody else can hold it yet.
+        const Element_locker_new lock(e, 0);
+        e->set_attributes_to_default(e, false);
+        if (!add(e, -1, notify))
+            return QSharedPointer<Element>();
+    }
     return e;
 }
 
@@ -228,7 +250,7 @@ void Element_list::send_list_remove_event(int)
 void Element_list::_notify_updated(const QSharedPointer<Element>& element, unsigned update_type)
 {
     element->notify_changed(update_type);
-    m_stamp = element->stamp();
+    Element::raise_stamp(m_stamp, element->stamp());
 }
 
 } // namespace Base

@@ -3,7 +3,9 @@
 // Owned by (and a member of) its owning element; owns its children through shared pointers.
 // Reading into an existing list updates the i-th child of a tag in place and appends only what
 // is new, so that a reload keeps the identity of elements other objects hold.
-// Threads: the holder of the owning element's data lock.
+// Threads: the holder of the owning element's data lock. add() and take() take the owner's and
+// the child's locks themselves (re-entering those the caller holds), in the lock order of
+// Element.h, and answer false or null, changing nothing, when a lock cannot be had that way.
 #pragma once
 
 #include <taskdata/elements/base/Element.h>
@@ -54,22 +56,28 @@ public:
     bool load_xml_from(const QSharedPointer<Element>& owner, R& r, XML_interface& xi, int index);
 
     // Inserts at index (-1 appends); sets the child's parent and sends the child-added event.
+    // A child held by another list moves here (refused while that list's owner is busy); one
+    // this list holds already, one of another manager, and an ancestor of the owner are refused.
+    // An erased child registers its identifiers again (a new negative number for one that
+    // another element took meanwhile).
     bool add(const QSharedPointer<Element>& child, int index = -1, bool notify = true);
     // Removes without deregistering identifiers (see Element::erase for that).
     QSharedPointer<Element> take(int index, bool notify = true);
     void clear(bool notify = true);
-    // Creates, registers (new negative identifier) and appends a fresh element.
+    // Creates, registers (new negative identifier) and appends a fresh element; null when the
+    // owner's lock cannot be had.
     QSharedPointer<Element> create_and_add(bool notify = true);
 
     void send_list_add_event(int index);
     void send_list_remove_event(int index);
     void _notify_updated(const QSharedPointer<Element>& element, unsigned update_type);
-    quint64 stamp() const { return m_stamp; }
-    void set_stamp(quint64 s) { m_stamp = s; }
+    quint64 stamp() const { return m_stamp.load(std::memory_order_relaxed); }
+    void set_stamp(quint64 s) { m_stamp.store(s, std::memory_order_relaxed); }
 
     static void set_list(Element* child, Element* parent, Element_list* list, int index);
 
 protected:
+    friend class Element;
     template <class R>
     bool load_individual_file_from(const QSharedPointer<Element>& owner, const QString& path, XML_interface& xi,
                                    int index, R& r);
@@ -78,7 +86,7 @@ protected:
     const char* m_tag;
     int m_version;
     QVector<QSharedPointer<Element>> m_children;
-    quint64 m_stamp = 0;
+    std::atomic<quint64> m_stamp{0};
 };
 
 // The typed list for element kind E.

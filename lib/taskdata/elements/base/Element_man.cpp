@@ -64,8 +64,18 @@ bool Element_man::register_uid(const QString& prefix, int n)
     QMutexLocker lock(&m_mutex);
     auto& map = registry_for(n)[prefix];
     if (!map.contains(n))
-        map.insert(n, QWeakPointer<Element>());
+        map.insert(n, Uid_entry());
     return true;
+}
+
+void Element_man::remove_uid_locked(const QString& prefix, int n)
+{
+    registry_for(n)[prefix].remove(n);
+    auto g = m_guids.find(Key(prefix, n));
+    if (g != m_guids.end()) {
+        m_guid_index.remove(*g);
+        m_guids.erase(g);
+    }
 }
 
 bool Element_man::deregister_uid(const QString& prefix, int n)
@@ -75,24 +85,24 @@ bool Element_man::deregister_uid(const QString& prefix, int n)
     auto it = reg.find(prefix);
     if (it == reg.end())
         return false;
-    if (!it->remove(n)) {
+    if (!it->contains(n)) {
         if (n == 0)
             return true;
         printf("Tried to deregister a unique ID(%s%d) that does not exist\n", prefix.toUtf8().constData(), n);
         return false;
     }
-    const Key key(prefix, n);
-    auto g = m_guids.find(key);
-    if (g != m_guids.end()) {
-        m_guid_index.remove(*g);
-        m_guids.erase(g);
-    }
+    remove_uid_locked(prefix, n);
     return true;
 }
 
 int Element_man::get_free_uid(const QString& prefix, bool positive) const
 {
     QMutexLocker lock(&m_mutex);
+    return free_uid_locked(prefix, positive);
+}
+
+int Element_man::free_uid_locked(const QString& prefix, bool positive) const
+{
     constexpr int top = 2147483645;
     if (positive) {
         auto it = m_positive.constFind(prefix);
@@ -137,14 +147,79 @@ int Element_man::get_free_uid(const QString& prefix, bool positive) const
     return 0;
 }
 
+int Element_man::allocate_uid(const QString& prefix, bool positive, const QSharedPointer<Element>& element,
+                              const QUuid& guid)
+{
+    QMutexLocker lock(&m_mutex);
+    const int n = free_uid_locked(prefix, positive);
+    if (n == 0)
+        return 0;
+    registry_for(n)[prefix].insert(n, Uid_entry{element.toWeakRef(), element.data()});
+    put_guid_locked(Key(prefix, n), guid);
+    return n;
+}
+
+bool Element_man::claim_uid(const QString& prefix, int n, const QSharedPointer<Element>& element, const QUuid& guid,
+                            int old)
+{
+    if (!element)
+        return false;
+    QMutexLocker lock(&m_mutex);
+    auto& map = registry_for(n)[prefix];
+    auto it = map.find(n);
+    if (it != map.end() && it->taken_from(element.data()))
+        return false;
+    map.insert(n, Uid_entry{element.toWeakRef(), element.data()});
+    put_guid_locked(Key(prefix, n), guid);
+    if (old != n) {
+        // Only an entry that is `element`'s own goes: an element without a number holds none.
+        auto& old_map = registry_for(old)[prefix];
+        auto o = old_map.constFind(old);
+        if (o != old_map.constEnd() && o->raw == element.data())
+            remove_uid_locked(prefix, old);
+    }
+    return true;
+}
+
+void Element_man::release_uid(const QString& prefix, int n, const Element* element)
+{
+    QMutexLocker lock(&m_mutex);
+    Registry& reg = registry_for(n);
+    auto it = reg.find(prefix);
+    if (it == reg.end())
+        return;
+    auto e = it->constFind(n);
+    if (e != it->constEnd() && e->raw == element)
+        remove_uid_locked(prefix, n);
+}
+
+bool Element_man::holds_uid(const QString& prefix, int n, const Element* element) const
+{
+    QMutexLocker lock(&m_mutex);
+    const Registry& reg = registry_for(n);
+    auto it = reg.constFind(prefix);
+    return it != reg.constEnd() && it->value(n).raw == element && element;
+}
+
 void Element_man::register_element(const QString& prefix, int n, const QSharedPointer<Element>& element)
 {
+    if (!element)
+        return;
     {
         QMutexLocker lock(&m_mutex);
-        registry_for(n)[prefix][n] = element;
+        Registry& reg = registry_for(n);
+        auto it = reg.find(prefix);
+        if (it == reg.end())
+            return;
+        auto e = it->find(n);
+        if (e == it->end())
+            return;
+        if (!e->raw)
+            *e = Uid_entry{element.toWeakRef(), element.data()};
+        else if (e->raw != element.data())
+            return;
     }
-    if (element)
-        resolve_link(element, prefix, n);
+    resolve_link(element, prefix, n);
 }
 
 QSharedPointer<Element> Element_man::lookup(const QString& prefix, int n) const
@@ -154,7 +229,7 @@ QSharedPointer<Element> Element_man::lookup(const QString& prefix, int n) const
     auto it = reg.constFind(prefix);
     if (it == reg.constEnd())
         return QSharedPointer<Element>();
-    return it->value(n).toStrongRef();
+    return it->value(n).element.toStrongRef();
 }
 
 QList<int> Element_man::registered_uids(const QString& prefix) const
@@ -183,7 +258,11 @@ QStringList Element_man::registered_prefixes() const
 void Element_man::register_guid(const QString& prefix, int n, const QUuid& guid)
 {
     QMutexLocker lock(&m_mutex);
-    const Key key(prefix, n);
+    put_guid_locked(Key(prefix, n), guid);
+}
+
+void Element_man::put_guid_locked(const Key& key, const QUuid& guid)
+{
     auto it = m_guids.find(key);
     if (it != m_guids.end()) {
         if (*it == guid)
@@ -218,8 +297,12 @@ void Element_man::register_uid_for_guid(const QString& prefix, int n, const QUui
     }
     register_guid(prefix, n, guid);
     if (QSharedPointer<Element> e = lookup(prefix, n)) {
-        if (Attributes::Base::UniqueID* id = e->id_attribute())
-            id->set_guid(guid);
+        // The element's GUID is its own data: changed under its lock.
+        Element::run_locked(e, [guid, prefix, n](const QSharedPointer<Element>& el) {
+            Attributes::Base::UniqueID* id = el->id_attribute();
+            if (id && id->has_number() && id->get_val() == n && id->get_tag() == prefix)
+                id->set_guid(guid);
+        });
         resolve_link(e, guid);
     }
 }
@@ -286,15 +369,28 @@ void Element_man::resolve_link(const QSharedPointer<Element>& target, const QStr
             return;
         waiting = *it;
     }
-    // Complete outside the registry walk: completing notifies, which may re-enter the manager.
+    // Completed outside the mutex and under each owner's lock: completing changes the owner and
+    // notifies. When the owner's lock cannot be had in the lock order, the completion waits
+    // until this thread holds no element lock; by then the link may wait for something else,
+    // or the number may name another element, so both are checked under the owner's lock.
+    const QWeakPointer<Element_man> weak_self = target->weak_man();
+    const QWeakPointer<Element> weak_target = target;
     for (const Pending& p : waiting) {
         const QSharedPointer<Element> owner = p.owner.toStrongRef();
         if (!owner)
             continue;
-        if (!p.link->accepts(target.data()))
-            continue;
-        p.link->complete_pending(owner, target, tag, n);
-        resolve_link(p.link, tag, n);
+        Attributes::Base::LinkedID* link = p.link;
+        Element::run_locked(owner, [=](const QSharedPointer<Element>& o) {
+            const QSharedPointer<Element_man> man = weak_self.toStrongRef();
+            const QSharedPointer<Element> t = weak_target.toStrongRef();
+            QString waiting_tag;
+            int waiting_n = 0;
+            if (!man || !t || !man->pending_link(link, waiting_tag, waiting_n) || waiting_tag != tag ||
+                waiting_n != n || man->lookup(tag, n) != t || !link->accepts(t.data()))
+                return;
+            link->complete_pending(o, t, tag, n);
+            man->resolve_link(link, tag, n);
+        });
     }
 }
 

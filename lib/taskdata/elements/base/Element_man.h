@@ -3,7 +3,14 @@
 // Identifiers are an XML code prefix plus a signed 32-bit number. Numbers 1 and above and
 // numbers 0 and below live in separate registries; numbers made on the terminal are negative.
 // Links whose target is not registered yet wait here and complete when it is.
-// Threads: every operation takes the manager's own (recursive) mutex, so any thread may call.
+// The registry holds exactly the registrable elements that have a number (see
+// Element::registrable): choosing, checking and entering a number is one step under the
+// manager's mutex (allocate_uid, claim_uid), so threads creating, renaming, erasing and adding
+// elements again never share a number.
+// Threads: any thread may call. The manager's mutex is innermost in the lock order of Element.h:
+// nothing is called out of it while it is held (no element lock, notification or link
+// completion); links waiting for a number are completed afterwards, each under its owner's lock
+// (Element::run_locked).
 #pragma once
 
 #include <taskdata/elements/base/Element.h>
@@ -72,7 +79,21 @@ public:
     bool register_uid(const QString& prefix, int n);
     bool deregister_uid(const QString& prefix, int n);
     int get_free_uid(const QString& prefix, bool positive) const;
-    // Fills the registry entry with its element and completes links waiting for it.
+    // One step: chooses a free number as get_free_uid does and enters `element` (and its GUID)
+    // under it; 0 when none is free (a number it gives is never 0, which only a file gives).
+    int allocate_uid(const QString& prefix, bool positive, const QSharedPointer<Element>& element,
+                     const QUuid& guid);
+    // One step: enters `element` (and its GUID) under n unless another element holds n, and lets
+    // go of `element`'s entry under `old` (when it holds one). False, changing nothing, when n is
+    // taken. n may be 0: read from a file, 0 is a number like any other.
+    bool claim_uid(const QString& prefix, int n, const QSharedPointer<Element>& element, const QUuid& guid,
+                   int old = 0);
+    // Removes n when it is `element`'s (an element erased or destroyed); silent otherwise.
+    void release_uid(const QString& prefix, int n, const Element* element);
+    // Whether n is entered for `element` itself.
+    bool holds_uid(const QString& prefix, int n, const Element* element) const;
+    // Fills an entry reserved by register_uid with its element, and completes the links waiting
+    // for (prefix, n) when the entry is the element's.
     void register_element(const QString& prefix, int n, const QSharedPointer<Element>& element);
     QSharedPointer<Element> lookup(const QString& prefix, int n) const override;
     // Every registered number of a prefix, ascending (negative registry first).
@@ -120,10 +141,19 @@ public:
     void set_link_list(const QSharedPointer<Element>& l) { m_link_list = l; }
 
 private:
-    using Registry = QHash<QString, QMap<int, QWeakPointer<Element>>>;
+    struct Uid_entry
+    {
+        QWeakPointer<Element> element;
+        const Element* raw = nullptr; // null: reserved by register_uid
+        bool taken_from(const Element* e) const { return raw != e && (!raw || !element.isNull()); }
+    };
+    using Registry = QHash<QString, QMap<int, Uid_entry>>;
     Registry& registry_for(int n) { return n < 1 ? m_negative : m_positive; }
     const Registry& registry_for(int n) const { return n < 1 ? m_negative : m_positive; }
     using Key = QPair<QString, int>;
+    int free_uid_locked(const QString& prefix, bool positive) const;
+    void put_guid_locked(const Key& key, const QUuid& guid);
+    void remove_uid_locked(const QString& prefix, int n);
     struct Pending
     {
         Attributes::Base::LinkedID* link;

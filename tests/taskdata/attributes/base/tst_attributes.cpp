@@ -4,12 +4,17 @@
 #include <taskdata/attributes/base/Float.h>
 #include <taskdata/attributes/base/Integer.h>
 #include <taskdata/attributes/base/String.h>
+#include <taskdata/attributes/base/LinkedID.h>
 #include <taskdata/attributes/base/UniqueID.h>
+#include <taskdata/common/XML_interface.h>
 #include <taskdata/elements/base/Catalogue.h>
 #include <taskdata/elements/base/Element_man.h>
 
 #include "test_support.h"
 
+#include <QBuffer>
+#include <QXmlStreamReader>
+#include <QXmlStreamWriter>
 #include <QtTest>
 
 using namespace TC::Task_data::Attributes::Base;
@@ -68,6 +73,63 @@ std::unique_ptr<Attribute> make(const QString& kind)
     return nullptr;
 }
 
+// Sets an attribute of any kind the way an application does, from a text naming the value.
+template <class I>
+bool set_integer(const QSharedPointer<Element>& e, Attribute* a, const QString& text, bool& done)
+{
+    auto i = dynamic_cast<I*>(a);
+    if (!i)
+        return false;
+    bool is_signed = false;
+    const qint64 v = text.toLongLong(&is_signed, 0);
+    done = i->set_val(e, typename I::value_type(is_signed ? quint64(v) : text.toULongLong(nullptr, 0)));
+    return true;
+}
+
+bool set_from_text(const QSharedPointer<Element>& e, Attribute* a, const QString& text)
+{
+    bool done = false;
+    if (set_integer<Int8>(e, a, text, done) || set_integer<UInt8>(e, a, text, done) ||
+        set_integer<Int16>(e, a, text, done) || set_integer<UInt16>(e, a, text, done) ||
+        set_integer<Int32>(e, a, text, done) || set_integer<UInt32>(e, a, text, done) ||
+        set_integer<UInt64>(e, a, text, done))
+        return done;
+    if (auto f = dynamic_cast<Float*>(a))
+        return f->set_val(e, text.toDouble());
+    if (auto s = dynamic_cast<String*>(a))
+        return s->set_string(e, text);
+    if (auto d = dynamic_cast<Datetime*>(a))
+        return d->set_qdt(e, QDateTime::fromString(text, Qt::ISODate));
+    if (auto u = dynamic_cast<UniqueID*>(a))
+        return u->set_val(e, text.mid(3).toInt());
+    if (auto l = dynamic_cast<LinkedID*>(a))
+        return l->set_val(e, text.left(3), text.mid(3).toInt());
+    return false;
+}
+
+QSharedPointer<Element> find_first(const QSharedPointer<Element>& e, const QString& tag)
+{
+    if (e->get_tag() == tag)
+        return e;
+    for (unsigned l = 0; l < e->_num_element_lists(); ++l)
+        for (const auto& c : e->_element_list(l)->elements())
+            if (auto found = find_first(c, tag))
+                return found;
+    return QSharedPointer<Element>();
+}
+
+QSharedPointer<Task_data> read_root(const QSharedPointer<Element_man>& man, const QByteArray& xml)
+{
+    auto root = QSharedPointer<Task_data>::create(man);
+    man->set_root(root);
+    TC::Task_data::XML_interface xi;
+    QXmlStreamReader r(xml);
+    while (r.readNext() != QXmlStreamReader::StartElement && !r.atEnd()) {
+    }
+    root->load_xml(root, r, xi);
+    return root;
+}
+
 QString written(const Attribute& a, int version)
 {
     QString out;
@@ -93,6 +155,8 @@ private slots:
     void datetime_valid_depends_on_previous_value();
     void uid_strings_data();
     void uid_strings();
+    void set_after_empty_read_data();
+    void set_after_empty_read();
 };
 
 void Tst_attributes::read_and_write_data()
@@ -304,6 +368,59 @@ void Tst_attributes::uid_strings()
         QCOMPARE(n, number);
         QCOMPARE(UniqueID::construct_uid_string(p, n), text.startsWith("TLG") ? QString("TLG12") : text);
     }
+}
+
+// Read as empty text, then set by the application, written and read back: the value is there.
+void Tst_attributes::set_after_empty_read_data()
+{
+    QTest::addColumn<QString>("tag");
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QString>("value");
+    QTest::addColumn<QString>("text");
+    QTest::newRow("Int8, point type") << "PNT" << "A" << "2" << "2";
+    QTest::newRow("UInt8, task status") << "TSK" << "G" << "3" << "3";
+    QTest::newRow("UInt16, hexadecimal DDI") << "PDT" << "E" << "6" << "0006";
+    QTest::newRow("Int32, point height") << "PNT" << "E" << "-5" << "-5";
+    QTest::newRow("UInt32, field area") << "PFD" << "D" << "42" << "42";
+    QTest::newRow("UInt64, device NAME") << "DVC" << "D" << "0xA00086000D20001E" << "A00086000D20001E";
+    QTest::newRow("Float, point north") << "PNT" << "C" << "52.5" << "52.50000000000000";
+    QTest::newRow("String, field designator") << "PFD" << "C" << "North" << "North";
+    QTest::newRow("Datetime, time start") << "TIM" << "A" << "2024-03-04T07:00:00Z" << "2024-03-04T07:00:00Z";
+    QTest::newRow("UniqueID, field") << "PFD" << "A" << "PFD7" << "PFD7";
+    QTest::newRow("LinkedID, field customer") << "PFD" << "E" << "CTR1" << "CTR1";
+}
+
+void Tst_attributes::set_after_empty_read()
+{
+    QFETCH(QString, tag);
+    QFETCH(QString, name);
+    QFETCH(QString, value);
+    QFETCH(QString, text);
+    const QByteArray xml = R"(<ISO11783_TaskData VersionMajor="4" VersionMinor="3"><CTR A="CTR1" B="c"/>)"
+                           R"(<PFD A="" C="" D="" E=""><PNT A="" C="" D="7" E=""/></PFD>)"
+                           R"(<PDT A="PDT1" B="p" E=""/><TSK A="TSK1" G=""><TIM A="" D="1"/></TSK>)"
+                           R"(<DVC A="DVC1" D="" F="00" G="FF"/></ISO11783_TaskData>)";
+    auto man = Element_man::create();
+    QSharedPointer<Element> e = find_first(read_root(man, xml), tag);
+    QVERIFY(e);
+    Attribute* a = e->find_attribute(name);
+    QVERIFY(a && a->empty_text());
+    QVERIFY(set_from_text(e, a, value));
+    QVERIFY(!a->empty_text());
+
+    QByteArray out;
+    {
+        QBuffer buffer(&out);
+        buffer.open(QIODevice::WriteOnly);
+        QXmlStreamWriter w(&buffer);
+        TC::Task_data::XML_interface xi;
+        man->root()->save_xml(man->root(), w, xi);
+    }
+    auto again = Element_man::create();
+    QSharedPointer<Element> back = find_first(read_root(again, out), tag);
+    QString back_text;
+    QVERIFY(back && back->find_attribute(name)->xml_value(back_text, back.data(), 4));
+    QCOMPARE(back_text, text);
 }
 
 QTEST_MAIN(Tst_attributes)

@@ -1,6 +1,7 @@
 // Identifier registry and links: free-number choice (including the gap scan near the top of the
-// range), negative numbers for terminal-made elements, duplicates refused, GUID pairing, and
-// references that resolve when their target arrives later.
+// range), negative numbers for terminal-made elements, duplicates refused, GUID pairing,
+// references that resolve when their target arrives later, the registry following erase and
+// add, and identities taken over by copies.
 #include <taskdata/common/XML_interface.h>
 #include <taskdata/elements/base/Catalogue.h>
 #include <taskdata/elements/base/Element_man.h>
@@ -49,6 +50,7 @@ class Tst_identifiers : public QObject
 private slots:
     void free_number_data();
     void free_number();
+    void new_elements_count_down_data();
     void new_elements_count_down();
     void deregister_twice();
     void identifiers_read_data();
@@ -57,7 +59,10 @@ private slots:
     void reference_to_wrong_kind_waits();
     void unresolved_reference_written_back();
     void guid_attached_later();
-    void erase_releases_descendants();
+    void registry_follows_the_tree_data();
+    void registry_follows_the_tree();
+    void copy_takes_identity_data();
+    void copy_takes_identity();
 };
 
 void Tst_identifiers::free_number_data()
@@ -92,19 +97,38 @@ void Tst_identifiers::free_number()
     QCOMPARE(man->get_free_uid("PFD", positive), positive ? 1 : -1);
 }
 
+void Tst_identifiers::new_elements_count_down_data()
+{
+    QTest::addColumn<QString>("tag");
+    QTest::addColumn<QString>("first");
+    QTest::addColumn<QString>("second");
+    QTest::newRow("task, after TSK5 was read") << "TSK" << "TSK-1" << "TSK-2";
+    QTest::newRow("link group (its identifier is required)") << "LGP" << "LGP-1" << "LGP-2";
+    QTest::newRow("point (its identifier is optional)") << "PNT" << "" << "";
+}
+
 void Tst_identifiers::new_elements_count_down()
 {
+    QFETCH(QString, tag);
+    QFETCH(QString, first);
+    QFETCH(QString, second);
     auto man = Element_man::create();
     XML_interface xi;
-    auto root = read_document(man, R"(<ISO11783_TaskData VersionMajor="4"><TSK A="TSK5" G="1"/></ISO11783_TaskData>)", xi);
-    auto first = root->tasks.create();
-    auto second = root->tasks.create();
-    QCOMPARE(first->id.get_as_string(), QString("TSK-1"));
-    QCOMPARE(second->id.get_as_string(), QString("TSK-2"));
+    auto root = read_document(man, R"(<ISO11783_TaskData VersionMajor="4"><TSK A="TSK5" G="1"/><PFD A="PFD1" C="f" D="0"/></ISO11783_TaskData>)", xi);
+    auto links = QSharedPointer<Link_lst>::create(man);
+    man->set_link_list(links);
+    Element_list* list = tag == "TSK" ? static_cast<Element_list*>(&root->tasks)
+                         : tag == "LGP" ? static_cast<Element_list*>(&links->groups)
+                                        : static_cast<Element_list*>(&root->partfields.typed_at(0)->points);
+    QSharedPointer<Element> a = list->create_and_add();
+    QSharedPointer<Element> b = list->create_and_add();
+    QCOMPARE(a->get_id_string(), first);
+    QCOMPARE(b->get_id_string(), second);
+    QCOMPARE(a->get_guid().isNull(), first.isEmpty());
+    QVERIFY(first.isEmpty() || a->get_guid() != b->get_guid());
+    if (!second.isEmpty())
+        QCOMPARE(man->lookup(tag, b->get_id()), b);
     QCOMPARE(root->tasks.typed_at(0)->id.get_val(), 5);
-    QVERIFY(!first->get_guid().isNull());
-    QVERIFY(first->get_guid() != second->get_guid());
-    QCOMPARE(man->lookup("TSK", -2), second.staticCast<Element>());
     // An element never given a number has none: not 0, and nothing is written for it.
     auto bare = QSharedPointer<Task>::create(man);
     QVERIFY(!bare->has_id());
@@ -236,8 +260,34 @@ void Tst_identifiers::guid_attached_later()
     QCOMPARE(n, 3);
 }
 
-void Tst_identifiers::erase_releases_descendants()
+// A device with two elements is erased (or not), renumbered while out of the tree, its number
+// taken by another device meanwhile, and added again: the registry always holds exactly the
+// elements in the tree, and an element never comes back under a number in use.
+void Tst_identifiers::registry_follows_the_tree_data()
 {
+    QTest::addColumn<bool>("erase");
+    QTest::addColumn<int>("renumber_while_out"); // 0: not renumbered
+    QTest::addColumn<bool>("number_taken");      // another device takes the device's number
+    QTest::addColumn<bool>("add_again");
+    QTest::addColumn<bool>("added");
+    QTest::addColumn<int>("number");
+    QTest::addColumn<bool>("registered");
+    QTest::newRow("erased: device and its elements leave") << true << 0 << false << false << false << 1 << false;
+    QTest::newRow("erased and added again: registered again") << true << 0 << false << true << true << 1 << true;
+    QTest::newRow("renumbered while out: the new number on return") << true << 8 << false << true << true << 8 << true;
+    QTest::newRow("number taken while out: a new negative one") << true << 0 << true << true << true << -1 << true;
+    QTest::newRow("added twice: refused, nothing changes") << false << 0 << false << true << false << 1 << true;
+}
+
+void Tst_identifiers::registry_follows_the_tree()
+{
+    QFETCH(bool, erase);
+    QFETCH(int, renumber_while_out);
+    QFETCH(bool, number_taken);
+    QFETCH(bool, add_again);
+    QFETCH(bool, added);
+    QFETCH(int, number);
+    QFETCH(bool, registered);
     auto man = Element_man::create();
     XML_interface xi;
     auto root = read_document(man,
@@ -245,13 +295,100 @@ void Tst_identifiers::erase_releases_descendants()
                               R"(<DET A="DET1" B="1" C="1" E="0" F="0"/><DET A="DET2" B="2" C="2" E="1" F="1"/></DVC>)"
                               R"(</ISO11783_TaskData>)",
                               xi);
-    QSharedPointer<Element> device = root->devices.at(0);
-    QVERIFY(!man->check_uid_free("DET", 2));
-    QVERIFY(device->erase(device));
-    QCOMPARE(root->devices.count(), 0);
-    QVERIFY(man->check_uid_free("DVC", 1));
-    QVERIFY(man->check_uid_free("DET", 1));
-    QVERIFY(man->check_uid_free("DET", 2));
+    QSharedPointer<Device> device = root->devices.typed_at(0);
+    if (erase) {
+        QSharedPointer<Element> self = device;
+        QVERIFY(device->erase(self));
+        QCOMPARE(root->devices.count(), 0);
+    }
+    if (renumber_while_out)
+        QVERIFY(device->id.set_val(device, renumber_while_out));
+    if (number_taken) {
+        auto other = root->devices.create();
+        QVERIFY(other->id.set_val(other, 1));
+    }
+    if (add_again) {
+        Ktd_test::Capture_fd quiet(2);
+        QCOMPARE(root->devices.add(device), added);
+    }
+    QCOMPARE(root->devices.count(), (erase && !added ? 0 : 1) + (number_taken ? 1 : 0));
+    QCOMPARE(device->id.get_val(), number);
+    QCOMPARE(man->lookup("DVC", number) == device, registered);
+    const QList<int> elements = man->registered_uids("DET");
+    QCOMPARE(elements, registered ? (QList<int>{1, 2}) : QList<int>());
+    // Registered identifiers keep their GUIDs in the GUID list; released ones leave it.
+    QUuid guid;
+    QCOMPARE(man->lookup_guid("DVC", number, guid) && guid == device->get_guid(), registered);
+}
+
+// A task linking customer CTR7 is copied into a fresh task, with or without its identifiers and
+// with GUIDs translated or not. The destination knows the customer's GUID as CTR9 (and a mapped
+// GUID as CTR11); copies in the same manager keep the source's own target.
+void Tst_identifiers::copy_takes_identity_data()
+{
+    QTest::addColumn<bool>("same_manager");
+    QTest::addColumn<bool>("copy_ids");
+    QTest::addColumn<bool>("map_task");
+    QTest::addColumn<bool>("map_customer");
+    QTest::addColumn<int>("number");
+    QTest::addColumn<QString>("guid"); // "source", "mapped" or "own"
+    QTest::addColumn<int>("customer");
+    QTest::newRow("ids copied: number, GUID, link by GUID") << false << true << false << false << 3 << "source" << 9;
+    QTest::newRow("ids copied, GUIDs mapped") << false << true << true << true << 3 << "mapped" << 11;
+    QTest::newRow("own number, GUID mapped") << false << false << true << false << -1 << "mapped" << 9;
+    QTest::newRow("own identity") << false << false << false << false << -1 << "own" << 9;
+    QTest::newRow("same manager: number in use, own kept") << true << true << false << false << -1 << "own" << 7;
+}
+
+void Tst_identifiers::copy_takes_identity()
+{
+    QFETCH(bool, same_manager);
+    QFETCH(bool, copy_ids);
+    QFETCH(bool, map_task);
+    QFETCH(bool, map_customer);
+    QFETCH(int, number);
+    QFETCH(QString, guid);
+    QFETCH(int, customer);
+    const QUuid task_guid("{11111111-2222-3333-4444-555555555555}");
+    const QUuid customer_guid("{66666666-7777-8888-9999-000000000000}");
+    const QUuid mapped_task("{aaaaaaaa-2222-3333-4444-555555555555}");
+    const QUuid mapped_customer("{bbbbbbbb-7777-8888-9999-000000000000}");
+    XML_interface xi;
+    auto source_man = Element_man::create();
+    auto source_root = read_document(source_man,
+                                     R"(<ISO11783_TaskData VersionMajor="4"><CTR A="CTR7" B="c"/>)"
+                                     R"(<TSK A="TSK3" B="t" C="CTR7" G="1"/></ISO11783_TaskData>)",
+                                     xi);
+    source_man->register_uid_for_guid("TSK", 3, task_guid);
+    source_man->register_uid_for_guid("CTR", 7, customer_guid);
+    auto man = same_manager ? source_man : Element_man::create();
+    auto root = same_manager ? source_root
+                             : read_document(man, R"(<ISO11783_TaskData VersionMajor="4"><CTR A="CTR9" B="c"/>)"
+                                                  R"(<CTR A="CTR11" B="m"/></ISO11783_TaskData>)",
+                                             xi);
+    if (!same_manager) {
+        man->register_uid_for_guid("CTR", 9, customer_guid);
+        man->register_uid_for_guid("CTR", 11, mapped_customer);
+    }
+    QSharedPointer<Element> copy = root->tasks.create();
+    const QUuid own_guid = copy->get_guid();
+    QMap<QUuid, QUuid> map;
+    if (map_task)
+        map.insert(task_guid, mapped_task);
+    if (map_customer)
+        map.insert(customer_guid, mapped_customer);
+    copy->set(copy, source_root->tasks.at(0).data(), false, true, map, {}, copy_ids);
+    auto task = copy.staticCast<Task>();
+    QCOMPARE(task->id.get_val(), number);
+    const QUuid expected_guid = guid == "mapped" ? mapped_task : guid == "own" ? own_guid : task_guid;
+    QCOMPARE(task->get_guid(), expected_guid);
+    QCOMPARE(man->lookup("TSK", number), copy);
+    QString prefix;
+    int n = 0;
+    QVERIFY(man->lookup_uid_for_guid(task->get_guid(), prefix, n));
+    QCOMPARE(n, number);
+    QCOMPARE(task->customer.get_val(), customer);
+    QCOMPARE(task->designator.get_string(), QString("t"));
 }
 
 QTEST_MAIN(Tst_identifiers)
