@@ -248,31 +248,38 @@ void Tst_model_stress::allocation_is_one_step()
 {
     // Elements outside any shared lock, numbered by their own threads at once: choosing and
     // entering a number must be one step, or two threads take the same one (or one gets 0).
-    auto man = Element_man::create();
     constexpr int threads = 4;
-    const int each = Ktd_test::sanitized ? 250 : 1000;
-    std::vector<QVector<QSharedPointer<Task>>> made(threads);
-    std::vector<std::unique_ptr<QThread>> running;
-    for (int t = 0; t < threads; ++t) {
-        running.emplace_back(QThread::create([&man, &made, t, each] {
-            for (int i = 0; i < each; ++i) {
-                auto task = QSharedPointer<Task>::create(man.toWeakRef());
-                task->set_attributes_to_default(task, false);
-                made[t].append(task);
+    constexpr int each = Ktd_test::sanitized ? 200 : 1000;
+    for (int round = 0; round < 10; ++round) {
+        auto man = Element_man::create();
+        std::vector<QVector<QSharedPointer<Task>>> made(threads);
+        for (auto& list : made)
+            for (int i = 0; i < each; ++i)
+                list.append(QSharedPointer<Task>::create(man.toWeakRef()));
+        std::atomic<int> ready{0};
+        std::vector<std::unique_ptr<QThread>> running;
+        for (int t = 0; t < threads; ++t) {
+            running.emplace_back(QThread::create([&made, &ready, t] {
+                // Started together, so that the threads number at the same moments.
+                ++ready;
+                while (ready.load() < threads)
+                    QThread::yieldCurrentThread();
+                for (const auto& task : made[t])
+                    task->set_attributes_to_default(task, false);
+            }));
+            running.back()->start();
+        }
+        for (auto& r : running)
+            QVERIFY(r->wait(60000));
+        QSet<int> numbers;
+        for (const auto& list : made) {
+            for (const auto& task : list) {
+                const int n = task->get_id();
+                QVERIFY2(n < 0, qPrintable(QString("number %1").arg(n)));
+                QVERIFY2(!numbers.contains(n), qPrintable(QString("TSK%1 twice").arg(n)));
+                numbers.insert(n);
+                QCOMPARE(man->lookup("TSK", n), task.staticCast<Element>());
             }
-        }));
-        running.back()->start();
-    }
-    for (auto& r : running)
-        QVERIFY(r->wait(60000));
-    QSet<int> numbers;
-    for (const auto& list : made) {
-        for (const auto& task : list) {
-            const int n = task->get_id();
-            QVERIFY2(n < 0, qPrintable(QString("number %1").arg(n)));
-            QVERIFY2(!numbers.contains(n), qPrintable(QString("TSK%1 twice").arg(n)));
-            numbers.insert(n);
-            QCOMPARE(man->lookup("TSK", n), task.staticCast<Element>());
         }
     }
 }
