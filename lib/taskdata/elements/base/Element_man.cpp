@@ -184,21 +184,26 @@ bool Element_man::claim_uid(const QString& prefix, int n, const QSharedPointer<E
 void Element_man::release_uid(const QString& prefix, int n, const Element* element)
 {
     QMutexLocker lock(&m_mutex);
-    Registry& reg = registry_for(n);
-    auto it = reg.find(prefix);
-    if (it == reg.end())
-        return;
-    auto e = it->constFind(n);
-    if (e != it->constEnd() && e->raw == element)
+    const Uid_entry* e = entry_locked(prefix, n);
+    if (e && e->raw == element)
         remove_uid_locked(prefix, n);
 }
 
 bool Element_man::holds_uid(const QString& prefix, int n, const Element* element) const
 {
     QMutexLocker lock(&m_mutex);
-    const Registry& reg = registry_for(n);
-    auto it = reg.constFind(prefix);
-    return it != reg.constEnd() && it->value(n).raw == element && element;
+    const Uid_entry* e = const_cast<Element_man*>(this)->entry_locked(prefix, n);
+    return e && element && e->raw == element;
+}
+
+Element_man::Uid_entry* Element_man::entry_locked(const QString& prefix, int n)
+{
+    Registry& reg = registry_for(n);
+    auto it = reg.find(prefix);
+    if (it == reg.end())
+        return nullptr;
+    auto e = it->find(n);
+    return e == it->end() ? nullptr : &*e;
 }
 
 void Element_man::register_element(const QString& prefix, int n, const QSharedPointer<Element>& element)
@@ -207,12 +212,8 @@ void Element_man::register_element(const QString& prefix, int n, const QSharedPo
         return;
     {
         QMutexLocker lock(&m_mutex);
-        Registry& reg = registry_for(n);
-        auto it = reg.find(prefix);
-        if (it == reg.end())
-            return;
-        auto e = it->find(n);
-        if (e == it->end())
+        Uid_entry* e = entry_locked(prefix, n);
+        if (!e)
             return;
         if (!e->raw)
             *e = Uid_entry{element.toWeakRef(), element.data()};

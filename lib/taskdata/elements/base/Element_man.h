@@ -152,6 +152,7 @@ private:
     const Registry& registry_for(int n) const { return n < 1 ? m_negative : m_positive; }
     using Key = QPair<QString, int>;
     int free_uid_locked(const QString& prefix, bool positive) const;
+    Uid_entry* entry_locked(const QString& prefix, int n); // null when n is not entered
     void put_guid_locked(const Key& key, const QUuid& guid);
     void remove_uid_locked(const QString& prefix, int n);
     struct Pending
