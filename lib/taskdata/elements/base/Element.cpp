@@ -565,6 +565,17 @@ void Element::link_child(Element* child, Element* parent, Element_list* list)
     child->m_erased = false;
 }
 
+void Element::unlink_children(const QVector<QSharedPointer<Element>>& children, const Element* parent)
+{
+    Tree_guard tree;
+    for (const auto& c : children) {
+        if (c->m_parent == parent) {
+            c->m_parent = nullptr;
+            c->m_parent_list = nullptr;
+        }
+    }
+}
+
 void Element::unlink_child(Element* child, const Element* parent)
 {
     Tree_guard tree;
@@ -741,23 +752,24 @@ void Element::notify_attribute_updated(Attribute*)
     notify_changed(0);
 }
 
-void Element::raise_stamp(std::atomic<quint64>& stamp, quint64 value)
-{
-    quint64 old = stamp.load(std::memory_order_relaxed);
-    while (old < value && !stamp.compare_exchange_weak(old, value, std::memory_order_relaxed)) {
-    }
-}
-
-void Element::notify_changed(unsigned)
+void Element::notify_changed(unsigned, Element_list* changed_list)
 {
     QSharedPointer<Element_man> m = man();
     const quint64 stamp = m ? m->bump_change_counter() : m_stamp.load(std::memory_order_relaxed) + 1;
-    // Ancestors are stamped without their locks: stamps are atomic and only go up.
+    // Ancestors are stamped without their locks: every stamp is written under the tree mutex and
+    // only raised, so a stamp never goes back whatever order concurrent changes finish in, and
+    // readers need no lock (stamps are atomic).
+    auto raise = [stamp](std::atomic<quint64>& s) {
+        if (s.load(std::memory_order_relaxed) < stamp)
+            s.store(stamp, std::memory_order_relaxed);
+    };
     Tree_guard tree;
+    if (changed_list)
+        raise(changed_list->m_stamp);
     for (Element* e = this; e; e = e->m_parent) {
-        raise_stamp(e->m_stamp, stamp);
+        raise(e->m_stamp);
         if (e->m_parent_list)
-            raise_stamp(e->m_parent_list->m_stamp, stamp);
+            raise(e->m_parent_list->m_stamp);
     }
 }
 

@@ -229,7 +229,8 @@ public:
     void set_stamp(quint64 s) { m_stamp.store(s, std::memory_order_relaxed); }
     // Raises the manager's change counter and stamps this element, its ancestors and its list.
     void notify_attribute_updated(Attribute* attribute);
-    void notify_changed(unsigned update_type);
+    // `changed_list`: a list of this element whose children changed, stamped with it.
+    void notify_changed(unsigned update_type, Element_list* changed_list = nullptr);
     // Tells the reader that `child` was just added by a list (its add event announced it), so
     // the attributes read into it need no announcement of their own.
     static void reading_new_child(Element* child);
@@ -288,8 +289,8 @@ protected:
     // Parent links, written under the tree mutex. link_child also clears the erased mark.
     static void link_child(Element* child, Element* parent, Element_list* list);
     static void unlink_child(Element* child, const Element* parent);
-    // Raises a stamp; a stamp never goes back, whatever order concurrent changes finish in.
-    static void raise_stamp(std::atomic<quint64>& stamp, quint64 value);
+    // For a parent going away: its children forget it (one pass under the tree mutex).
+    static void unlink_children(const QVector<QSharedPointer<Element>>& children, const Element* parent);
     // The parent's lock for erase(): a thread that holds only this element lets go of it while
     // it waits; `moved` when the element went to another parent meanwhile (nothing held then
     // but this element, as before).
@@ -300,12 +301,12 @@ protected:
     // Written under the tree mutex (and the locks of the parent and this element).
     Element* m_parent = nullptr;
     Element_list* m_parent_list = nullptr;
-    bool m_erased = false;
     Extras* m_extras = nullptr;
     std::atomic<quint64> m_stamp{0};
     QMutex m_lock;
     std::atomic<const void*> m_lock_owner{nullptr}; // the holding thread's token
     int m_lock_depth = 0;                           // touched by the holding thread only
+    bool m_erased = false;                          // under the tree mutex, like the parent links
 };
 
 // Lock order. Every element has one data lock, recursive for the thread that holds it.

@@ -25,8 +25,7 @@ Element_list::Element_list(Element* owner, const char* tag, int version) : m_own
 Element_list::~Element_list()
 {
     // Children that outlive their parent (someone else holds them) forget it before it goes.
-    for (const auto& c : m_children)
-        Element::unlink_child(c.data(), m_owner);
+    Element::unlink_children(m_children, m_owner);
 }
 
 int Element_list::index_of(const Element* e) const
@@ -249,8 +248,7 @@ void Element_list::send_list_remove_event(int)
 
 void Element_list::_notify_updated(const QSharedPointer<Element>& element, unsigned update_type)
 {
-    element->notify_changed(update_type);
-    Element::raise_stamp(m_stamp, element->stamp());
+    element->notify_changed(update_type, this);
 }
 
 } // namespace Base
