@@ -97,7 +97,7 @@ double points(int threads, int total)
         const QSharedPointer<Partfield> field = fields.at(t);
         for (int i = 0; i < each; ++i) {
             Element_locker_new lock(field, -1);
-            const QSharedPointer<Point> p = field->points.create();
+            const QSharedPointer<Elements::Base::Point> p = field->points.create();
             p->id.set_to_default(p, *man);
         }
     });

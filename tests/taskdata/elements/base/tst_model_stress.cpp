@@ -99,7 +99,7 @@ void work(Model& m, quint32 seed, QVector<QSharedPointer<Element>>& erased)
             Element_locker_new lock(field, -1);
             if (!lock)
                 break;
-            QSharedPointer<Point> p = field->points.create();
+            QSharedPointer<Elements::Base::Point> p = field->points.create();
             if (!p)
                 break;
             Element_locker_new point_lock(p, -1);
