@@ -265,6 +265,7 @@ void Tst_identifiers::guid_attached_later()
 // elements in the tree, and an element never comes back under a number in use.
 void Tst_identifiers::registry_follows_the_tree_data()
 {
+    QTest::addColumn<int>("read"); // the device's number in the file
     QTest::addColumn<bool>("erase");
     QTest::addColumn<int>("renumber_while_out"); // 0: not renumbered
     QTest::addColumn<bool>("number_taken");      // another device takes the device's number
@@ -272,15 +273,19 @@ void Tst_identifiers::registry_follows_the_tree_data()
     QTest::addColumn<bool>("added");
     QTest::addColumn<int>("number");
     QTest::addColumn<bool>("registered");
-    QTest::newRow("erased: device and its elements leave") << true << 0 << false << false << false << 1 << false;
-    QTest::newRow("erased and added again: registered again") << true << 0 << false << true << true << 1 << true;
-    QTest::newRow("renumbered while out: the new number on return") << true << 8 << false << true << true << 8 << true;
-    QTest::newRow("number taken while out: a new negative one") << true << 0 << true << true << true << -1 << true;
-    QTest::newRow("added twice: refused, nothing changes") << false << 0 << false << true << false << 1 << true;
+    QTest::newRow("erased: device and its elements leave") << 1 << true << 0 << false << false << false << 1 << false;
+    QTest::newRow("erased and added again: registered again") << 1 << true << 0 << false << true << true << 1 << true;
+    QTest::newRow("renumbered while out: the new number on return") << 1 << true << 8 << false << true << true << 8 << true;
+    QTest::newRow("number taken while out: a new negative one") << 1 << true << 0 << true << true << true << -1 << true;
+    QTest::newRow("added twice: refused, nothing changes") << 1 << false << 0 << false << true << false << 1 << true;
+    QTest::newRow("number 0 erased: it leaves") << 0 << true << 0 << false << false << false << 0 << false;
+    QTest::newRow("number 0 erased and added again: 0 registered again")
+        << 0 << true << 0 << false << true << true << 0 << true;
 }
 
 void Tst_identifiers::registry_follows_the_tree()
 {
+    QFETCH(int, read);
     QFETCH(bool, erase);
     QFETCH(int, renumber_while_out);
     QFETCH(bool, number_taken);
@@ -291,9 +296,11 @@ void Tst_identifiers::registry_follows_the_tree()
     auto man = Element_man::create();
     XML_interface xi;
     auto root = read_document(man,
-                              R"(<ISO11783_TaskData VersionMajor="4"><DVC A="DVC1" D="0" F="00" G="FF">)"
-                              R"(<DET A="DET1" B="1" C="1" E="0" F="0"/><DET A="DET2" B="2" C="2" E="1" F="1"/></DVC>)"
-                              R"(</ISO11783_TaskData>)",
+                              QByteArray(R"(<ISO11783_TaskData VersionMajor="4"><DVC A="DVC)") +
+                                  QByteArray::number(read) +
+                                  R"(" D="0" F="00" G="FF">)"
+                                  R"(<DET A="DET1" B="1" C="1" E="0" F="0"/><DET A="DET2" B="2" C="2" E="1" F="1"/></DVC>)"
+                                  R"(</ISO11783_TaskData>)",
                               xi);
     QSharedPointer<Device> device = root->devices.typed_at(0);
     if (erase) {
@@ -305,7 +312,7 @@ void Tst_identifiers::registry_follows_the_tree()
         QVERIFY(device->id.set_val(device, renumber_while_out));
     if (number_taken) {
         auto other = root->devices.create();
-        QVERIFY(other->id.set_val(other, 1));
+        QVERIFY(other->id.set_val(other, read));
     }
     if (add_again) {
         Ktd_test::Capture_fd quiet(2);
@@ -313,6 +320,7 @@ void Tst_identifiers::registry_follows_the_tree()
     }
     QCOMPARE(root->devices.count(), (erase && !added ? 0 : 1) + (number_taken ? 1 : 0));
     QCOMPARE(device->id.get_val(), number);
+    QVERIFY(device->has_id());
     QCOMPARE(man->lookup("DVC", number) == device, registered);
     const QList<int> elements = man->registered_uids("DET");
     QCOMPARE(elements, registered ? (QList<int>{1, 2}) : QList<int>());

@@ -240,14 +240,26 @@ class Tst_model_stress : public QObject
 {
     Q_OBJECT
 private slots:
+    void allocation_is_one_step_data();
     void allocation_is_one_step();
     void eight_editors_and_a_saver();
 };
 
+void Tst_model_stress::allocation_is_one_step_data()
+{
+    QTest::addColumn<bool>("read_zero");
+    QTest::newRow("new numbers") << false;
+    // Every task read as TSK0: one of them wins 0, the others are duplicates and get free
+    // numbers of the same sign.
+    QTest::newRow("all read as number 0") << true;
+}
+
 void Tst_model_stress::allocation_is_one_step()
 {
-    // Elements outside any shared lock, numbered by their own threads at once: choosing and
-    // entering a number must be one step, or two threads take the same one (or one gets 0).
+    // Elements outside any shared lock, numbered by their own threads at once: choosing (or
+    // checking) and entering a number must be one step, or two threads take the same one (or one
+    // gets 0).
+    QFETCH(bool, read_zero);
     constexpr int threads = 4;
     constexpr int each = Ktd_test::sanitized ? 200 : 1000;
     for (int round = 0; round < 10; ++round) {
@@ -259,28 +271,37 @@ void Tst_model_stress::allocation_is_one_step()
         std::atomic<int> ready{0};
         std::vector<std::unique_ptr<QThread>> running;
         for (int t = 0; t < threads; ++t) {
-            running.emplace_back(QThread::create([&made, &ready, t] {
+            running.emplace_back(QThread::create([&made, &ready, t, read_zero] {
                 // Started together, so that the threads number at the same moments.
                 ++ready;
                 while (ready.load() < threads)
                     QThread::yieldCurrentThread();
-                for (const auto& task : made[t])
-                    task->set_attributes_to_default(task, false);
+                for (const auto& task : made[t]) {
+                    if (read_zero)
+                        task->id._set_by_xml_value(task, u"TSK0");
+                    else
+                        task->set_attributes_to_default(task, false);
+                }
             }));
             running.back()->start();
         }
         for (auto& r : running)
             QVERIFY(r->wait(60000));
         QSet<int> numbers;
+        int zeros = 0;
         for (const auto& list : made) {
             for (const auto& task : list) {
                 const int n = task->get_id();
-                QVERIFY2(n < 0, qPrintable(QString("number %1").arg(n)));
+                QVERIFY(task->has_id());
+                zeros += n == 0;
+                QVERIFY2(read_zero ? n >= 0 && (n == 0) != task->id.renumbered() : n < 0,
+                         qPrintable(QString("number %1").arg(n)));
                 QVERIFY2(!numbers.contains(n), qPrintable(QString("TSK%1 twice").arg(n)));
                 numbers.insert(n);
                 QCOMPARE(man->lookup("TSK", n), task.staticCast<Element>());
             }
         }
+        QCOMPARE(zeros, read_zero ? 1 : 0);
     }
 }
 
