@@ -118,7 +118,7 @@ bool Attribute::set_flags(const QSharedPointer<Element>& owner, flags_t f)
 void Attribute::notify_updated(const QSharedPointer<Element>& owner)
 {
     if (owner)
-        owner->notify_attribute_updated(this);
+        owner->notify_attribute_updated(owner, this);
 }
 
 void Attribute::notify_updated(const QSharedPointer<Element>& owner, Attribute* attribute)

@@ -9,6 +9,7 @@
 
 #include <taskdata/taskdata_export.h>
 
+#include <QByteArray>
 #include <QSharedPointer>
 #include <QString>
 #include <QStringView>
@@ -161,6 +162,8 @@ public:
     static void notify_updated(const QSharedPointer<Element>& owner, Attribute* attribute);
 
     QString xml_name() const { return base_spec().xml_name(); }
+    // The prefix under which the attribute's own named signals are connected: its XML name.
+    QByteArray signal_prefix() const { return QByteArray(base_spec().name); }
 
 protected:
     // Sets present and empty from a text being read; answers whether either changed.

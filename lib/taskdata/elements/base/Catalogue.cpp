@@ -22,18 +22,19 @@ namespace Base {
 #define KTD_UIDFLAG_YES(...) true,
 #define KTD_MEMBERNAME_K(Kind, m, ...) #m,
 #define KTD_MEMBERNAME_M(m, ...) #m,
-#define KTD_LISTTAG(T, m, tag, v) tag,
-#define KTD_LISTVERSION(T, m, tag, v) v,
+#define KTD_LISTTAG(T, m, tag, v, ...) tag,
+#define KTD_LISTVERSION(T, m, tag, v, ...) v,
+#define KTD_LISTMAX(T, m, tag, v, singular, max) max,
 #define KTD_CASE_K(Kind, m, ...)                                                               \
     case idx_##m:                                                                              \
         return &m;
 #define KTD_CASE_M(m, ...)                                                                     \
     case idx_##m:                                                                              \
         return &m;
-#define KTD_LCASE(T, m, tag, v)                                                                \
+#define KTD_LCASE(T, m, tag, v, ...)                                                           \
     case lidx_##m:                                                                             \
         return &m;
-#define KTD_LPTR(T, m, tag, v)                                                                 \
+#define KTD_LPTR(T, m, tag, v, ...)                                                            \
     if (list == &m)                                                                            \
         return int(lidx_##m);
 
@@ -69,8 +70,9 @@ namespace Base {
                           KTD_MEMBERNAME_M) nullptr};                                          \
         static const char* const tags[] = {KTD_ROWS_LIST(Cls, KTD_LISTTAG) nullptr};           \
         static const int versions[] = {KTD_ROWS_LIST(Cls, KTD_LISTVERSION) 0};                 \
+        static const int maxes[] = {KTD_ROWS_LIST(Cls, KTD_LISTMAX) 0};                        \
         static const Kind_info info = [] {                                                     \
-            Kind_info k{Tag, #Cls, Singular, num_attributes, specs, num_lists, tags, versions, -1, -1}; \
+            Kind_info k{Tag, #Cls, Singular, num_attributes, specs, num_lists, tags, versions, -1, -1, maxes, members}; \
             for (unsigned i = 0; i < num_attributes; ++i) {                                    \
                 if (is_uid[i] && k.id_index < 0)                                               \
                     k.id_index = int(i);                                                       \

@@ -82,13 +82,13 @@ namespace Base {
 #define KTD_ATTRIBUTE_INDICES(Cls)                                                             \
     KTD_##Cls(KTD_IDX_K, KTD_IDX_K, KTD_IDX_M, KTD_IDX_M, KTD_IDX_M, KTD_IDX_M, KTD_IDX_M, KTD_IDX_M, KTD_IDX_K, \
               KTD_IDX_K, KTD_IDX_M, KTD_NOTHING)
-#define KTD_LIDX(T, m, tag, v) lidx_##m,
+#define KTD_LIDX(T, m, tag, v, ...) lidx_##m,
 #define KTD_LIST_INDICES(Cls)                                                                  \
     KTD_##Cls(KTD_NOTHING, KTD_NOTHING, KTD_NOTHING, KTD_NOTHING, KTD_NOTHING, KTD_NOTHING, KTD_NOTHING, \
               KTD_NOTHING, KTD_NOTHING, KTD_NOTHING, KTD_NOTHING, KTD_LIDX)
 
 // --- child lists ---
-#define KTD_LIST_MEMBER(T, m, tag, v) Element_list_t<T> m{this, tag, v};
+#define KTD_LIST_MEMBER(T, m, tag, v, ...) Element_list_t<T> m{this, tag, v};
 #define KTD_LIST_MEMBERS(Cls)                                                                  \
     KTD_##Cls(KTD_NOTHING, KTD_NOTHING, KTD_NOTHING, KTD_NOTHING, KTD_NOTHING, KTD_NOTHING, KTD_NOTHING, \
               KTD_NOTHING, KTD_NOTHING, KTD_NOTHING, KTD_NOTHING, KTD_LIST_MEMBER)
@@ -208,7 +208,17 @@ class KTD_EXPORT Task_controller_capabilities : public Element { KTD_ELEMENT_BOD
 // Root of "TASKDATA.XML".
 class KTD_EXPORT Task_data : public Element { KTD_ELEMENT_BODY(Task_data) };
 class KTD_EXPORT Time : public Element { KTD_ELEMENT_BODY(Time) };
-class KTD_EXPORT Time_log : public Element { KTD_ELEMENT_BODY(Time_log) };
+class KTD_EXPORT Time_log : public Element
+{
+    KTD_ELEMENT_BODY(Time_log)
+public:
+    // The terminal appended to this time log's binary file: posts the binary-appended update to
+    // the receivers of the time log and of its ancestors, and emits the named signal
+    // "timelog_write(int32_t,uint32_t)" of the task it belongs to with the two numbers (the
+    // records and the bytes the file holds now). Neither stamps nor the change counter move:
+    // the XML did not change. The caller holds the time log's data lock.
+    void notify_timelog_write(int records, unsigned int bytes);
+};
 class KTD_EXPORT Treatment_zone : public Element { KTD_ELEMENT_BODY(Treatment_zone) };
 class KTD_EXPORT Value_presentation : public Element { KTD_ELEMENT_BODY(Value_presentation) };
 class KTD_EXPORT Worker : public Element { KTD_ELEMENT_BODY(Worker) };

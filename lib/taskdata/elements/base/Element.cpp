@@ -11,10 +11,12 @@
 
 #include <QDomElement>
 #include <QMutex>
+#include <QMutexLocker>
 #include <QVarLengthArray>
 #include <QXmlStreamReader>
 #include <QXmlStreamWriter>
 
+#include <algorithm>
 #include <cstdio>
 
 namespace TC {
@@ -87,18 +89,28 @@ Element::Extras::~Extras()
 {
     for (auto& a : attributes)
         delete a.second;
+    // The watches of receivers that outlive the element have nothing left to guard.
+    for (const auto& r : receivers)
+        QObject::disconnect(r.second);
+}
+
+Element::Extras* Element::Extras_ptr::get_or_create()
+{
+    Extras* x = get();
+    if (x)
+        return x;
+    Extras* fresh = new Extras;
+    if (m_p.compare_exchange_strong(x, fresh, std::memory_order_acq_rel))
+        return fresh;
+    delete fresh; // another thread made it first; x is now that one
+    return x;
 }
 
 Element::Element(const QWeakPointer<Element_man>& man) : m_man(man) {}
 
 Element::~Element() { delete m_extras; }
 
-Element::Extras& Element::extras()
-{
-    if (!m_extras)
-        m_extras = new Extras;
-    return *m_extras;
-}
+Element::Extras& Element::extras() { return *m_extras.get_or_create(); }
 
 QSharedPointer<Element> Element::get_sp() const
 {
@@ -713,7 +725,6 @@ bool Element::remove_extended_parameter(const QString& key)
     return true;
 }
 
-QVector<QWeakPointer<QObject>>& Element::receivers() { return extras().receivers; }
 
 namespace {
 // The element whose attributes are being read on this thread: the values of one start tag
@@ -743,34 +754,210 @@ struct Reading_attributes
 
 void Element::reading_new_child(Element* child) { t_new_child = child; }
 
-void Element::notify_attribute_updated(Attribute*)
+Quiet_changes::Quiet_changes(Element* element) : m_previous(t_reading), m_previous_changed(t_reading_changed)
+{
+    t_reading = element;
+    t_reading_changed = false;
+}
+
+Quiet_changes::~Quiet_changes()
+{
+    t_reading = m_previous;
+    t_reading_changed = m_previous_changed;
+}
+
+namespace {
+std::atomic<const Event_hooks*> g_hooks{nullptr};
+} // namespace
+
+void Element::set_event_hooks(const Event_hooks* hooks) { g_hooks.store(hooks, std::memory_order_release); }
+
+const Event_hooks* Element::event_hooks() { return g_hooks.load(std::memory_order_acquire); }
+
+void Element::notify_attribute_updated(const QSharedPointer<Element>& self, Attribute* attribute)
 {
     if (t_reading == this) {
         t_reading_changed = true;
         return;
     }
-    notify_changed(0);
+    // The payload is built only when someone listens: a change nobody receives costs the
+    // counter, the stamps and one look at each ancestor.
+    if (!_notify_updated(self, attribute))
+        return;
+    if (const Event_hooks* h = event_hooks())
+        h->post_attribute(Base_attribute_update(self, attribute));
 }
 
-void Element::notify_changed(unsigned, Element_list* changed_list)
+void Element::notify_updated(const Base_attribute_update& event)
+{
+    if (!event.element || !_notify_updated(event.element, event.attribute))
+        return;
+    if (const Event_hooks* h = event_hooks())
+        h->post_attribute(event);
+}
+
+void Element::notify_changed(unsigned)
+{
+    notify_updated(Base_attribute_update(get_sp(), nullptr));
+}
+
+void Element::notify_child(const QSharedPointer<Element>& self, Element_list* list, int index, Update_type type)
+{
+    if (!_notify_updated(self, nullptr, list))
+        return;
+    const Event_hooks* h = event_hooks();
+    if (!h)
+        return;
+    if (type == child_added)
+        h->post_child_added(Base_child_update<child_added>(self, list, index));
+    else
+        h->post_child_removed(Base_child_update<child_removed>(self, list, index));
+}
+
+void Element::notify_binary_appended(const QSharedPointer<Element>& self)
+{
+    bool listening = false;
+    {
+        Tree_guard tree;
+        for (Element* e = this; e && !listening; e = e->m_parent)
+            if (Extras* x = e->m_extras.get())
+                listening = x->receiver_entries.load(std::memory_order_acquire) != 0;
+    }
+    if (!listening)
+        return;
+    if (const Event_hooks* h = event_hooks())
+        h->post_binary_appended(Base_typed_update<binary_appended>(self));
+}
+
+bool Element::_notify_updated(const QSharedPointer<Element>& self, Attribute* attribute, Element_list* list)
 {
     QSharedPointer<Element_man> m = man();
     const quint64 stamp = m ? m->bump_change_counter() : m_stamp.load(std::memory_order_relaxed) + 1;
-    // Ancestors are stamped without their locks: every stamp is written under the tree mutex and
-    // only raised, so a stamp never goes back whatever order concurrent changes finish in, and
-    // readers need no lock (stamps are atomic).
-    auto raise = [stamp](std::atomic<quint64>& s) {
-        if (s.load(std::memory_order_relaxed) < stamp)
-            s.store(stamp, std::memory_order_relaxed);
-    };
-    Tree_guard tree;
-    if (changed_list)
-        raise(changed_list->m_stamp);
-    for (Element* e = this; e; e = e->m_parent) {
-        raise(e->m_stamp);
-        if (e->m_parent_list)
-            raise(e->m_parent_list->m_stamp);
+    const Event_hooks* hooks = event_hooks();
+    bool listening = false;
+    // Elements of the walk with named signals, kept alive: their slots are called once the
+    // tree mutex is released.
+    QVarLengthArray<QSharedPointer<Element>, 4> signalled;
+    {
+        // Ancestors are stamped without their locks: every stamp is written under the tree mutex
+        // and only raised, so a stamp never goes back whatever order concurrent changes finish
+        // in, and readers need no lock (stamps are atomic).
+        auto raise = [stamp](std::atomic<quint64>& s) {
+            if (s.load(std::memory_order_relaxed) < stamp)
+                s.store(stamp, std::memory_order_relaxed);
+        };
+        Tree_guard tree;
+        if (list)
+            raise(list->m_stamp);
+        for (Element* e = this; e; e = e->m_parent) {
+            raise(e->m_stamp);
+            if (e->m_parent_list)
+                raise(e->m_parent_list->m_stamp);
+            Extras* x = e->m_extras.get();
+            if (!x)
+                continue;
+            listening |= x->receiver_entries.load(std::memory_order_acquire) != 0;
+            if (hooks && !x->named_signals.empty()) {
+                // An ancestor whose last reference is gone is being destroyed: not signalled.
+                QSharedPointer<Element> keep = e == this ? self : e->sharedFromThis();
+                if (keep)
+                    signalled.append(std::move(keep));
+            }
+        }
     }
+    for (const QSharedPointer<Element>& e : signalled)
+        hooks->emit_updated(e->m_extras->named_signals, e, e == self ? attribute : nullptr);
+    return listening;
+}
+
+void Element::_post_event(Elements::Client::Event_sender& sender)
+{
+    // The elements of the walk that have receivers, leaf first, kept alive: an ancestor taken
+    // out of the tree meanwhile stays valid until its receivers were served.
+    QVarLengthArray<QSharedPointer<Element>, 4> listening;
+    {
+        Tree_guard tree;
+        for (Element* e = this; e; e = e->m_parent) {
+            Extras* x = e->m_extras.get();
+            if (x && x->receiver_entries.load(std::memory_order_acquire) != 0)
+                if (QSharedPointer<Element> keep = e->sharedFromThis())
+                    listening.append(std::move(keep));
+        }
+    }
+    for (const QSharedPointer<Element>& e : listening) {
+        Extras* x = e->m_extras.get();
+        QMutexLocker guard(&x->receivers_lock);
+        bool dead = false;
+        for (const auto& r : qAsConst(x->receivers)) {
+            if (QObject* o = r.first.data())
+                sender.send(o);
+            else
+                dead = true;
+        }
+        if (dead) {
+            auto gone = [](const QPair<Event_receiver, QMetaObject::Connection>& r) {
+                if (!r.first.isNull())
+                    return false;
+                QObject::disconnect(r.second);
+                return true;
+            };
+            x->receivers.erase(std::remove_if(x->receivers.begin(), x->receivers.end(), gone), x->receivers.end());
+            x->receiver_entries.store(x->receivers.size(), std::memory_order_release);
+        }
+    }
+}
+
+bool Element::register_for_events(const QSharedPointer<Element>& self, QObject* receiver)
+{
+    if (!receiver || self.data() != this)
+        return false;
+    Extras& x = extras();
+    const QWeakPointer<Element> weak = self;
+    // Runs in the receiver's destructor before Qt drops the events posted to it: once it has
+    // passed the lock, no delivery walk can post to the receiver any more.
+    const QMetaObject::Connection watch = QObject::connect(receiver, &QObject::destroyed, [weak] {
+        if (const QSharedPointer<Element> e = weak.toStrongRef()) {
+            if (Extras* ex = e->m_extras.get()) {
+                ex->receivers_lock.lock();
+                ex->receivers_lock.unlock();
+            }
+        }
+    });
+    QMutexLocker guard(&x.receivers_lock);
+    x.receivers.append(qMakePair(Event_receiver(receiver), watch));
+    x.receiver_entries.store(x.receivers.size(), std::memory_order_release);
+    return true;
+}
+
+bool Element::unregister_for_events(QObject* receiver)
+{
+    Extras* x = m_extras.get();
+    if (!x || !receiver)
+        return false;
+    QMutexLocker guard(&x->receivers_lock);
+    const int before = x->receivers.size();
+    for (int i = before - 1; i >= 0; --i) {
+        if (x->receivers.at(i).first.data() == receiver) {
+            QObject::disconnect(x->receivers.at(i).second);
+            x->receivers.remove(i);
+        }
+    }
+    x->receiver_entries.store(x->receivers.size(), std::memory_order_release);
+    return x->receivers.size() != before;
+}
+
+int Element::receiver_count() const
+{
+    Extras* x = m_extras.get();
+    return x ? x->receiver_entries.load(std::memory_order_acquire) : 0;
+}
+
+Util::Signal_sender& Element::signal_sender() { return extras().named_signals; }
+
+Util::Signal_sender* Element::connected_signals() const
+{
+    Extras* x = m_extras.get();
+    return x && !x->named_signals.empty() ? &x->named_signals : nullptr;
 }
 
 bool Element::set_id(const QSharedPointer<Element>& self, int old_id, int new_id, const QString& prefix)
@@ -876,7 +1063,7 @@ bool Element::load_xml_from(const QSharedPointer<Element>& self, R& r, XML_inter
             a->set_by_xml_value(self, r.attribute_value(i));
         }
         if (reading.changed() && !fresh)
-            notify_changed(0);
+            notify_updated(Base_attribute_update(self, nullptr));
     }
     if (parts & xml_part_children)
         return load_children_from(self, r, xi);

@@ -6,17 +6,24 @@
 // file but not declared by the kind) and its extended parameters.
 // Threads: any thread may read or write an element while it holds the element's data lock
 // (Element_locker_new); the element's own operations assume the caller does. The order in which
-// threads take several element locks is described above Element_locker_new below.
+// threads take several element locks is described above Element_locker_new below. The receivers
+// of update events, the named signals, the change stamps and the store behind them are guarded
+// on their own, so a change walks up to the root without taking the ancestors' data locks.
 #pragma once
 
 #include <taskdata/attributes/base/Attribute.h>
+#include <taskdata/common/Update_events.h>
+
+#include <platform/util/Signal_sender.h>
 
 #include <QDateTime>
 #include <QEnableSharedFromThis>
 #include <QHash>
 #include <QMap>
 #include <QMutex>
+#include <QObject>
 #include <QPointF>
+#include <QPointer>
 #include <QSet>
 #include <QStringList>
 #include <QSharedPointer>
@@ -27,6 +34,8 @@
 
 #include <atomic>
 #include <functional>
+#include <type_traits>
+#include <utility>
 
 class QXmlStreamReader;
 class QXmlStreamWriter;
@@ -59,8 +68,34 @@ class LinkedID;
 namespace Elements {
 namespace Base {
 
+class Element;
 class Element_list;
 class Element_man;
+
+// The base form of the update payloads: the changing side holds the element strongly.
+using Base_attribute_update = Attribute_update_event<QSharedPointer<Element>, Attributes::Base::Attribute*>;
+template <Update_type T>
+using Base_child_update = Child_update_event<T, QSharedPointer<Element>, Element_list*>;
+template <Update_type T>
+using Base_typed_update = Typed_update_event<T, QSharedPointer<Element>>;
+
+// A receiver of update events: guarded, it turns null when the object is destroyed.
+using Event_receiver = QPointer<QObject>;
+
+// How a change reaches receivers and named signals in client terms. This layer cannot name the
+// client handles, so the client layer fills this table when the library is loaded; until then
+// changes are stamped but not delivered. Every function runs on the changing thread.
+struct Event_hooks
+{
+    // Convert to the client payload and call _post_event on the payload's element.
+    void (*post_attribute)(const Base_attribute_update&);
+    void (*post_child_added)(const Base_child_update<child_added>&);
+    void (*post_child_removed)(const Base_child_update<child_removed>&);
+    void (*post_binary_appended)(const Base_typed_update<binary_appended>&);
+    // Emits "updated" for `element` (and, with an attribute, for the attribute) on `sender`.
+    void (*emit_updated)(Util::Signal_sender& sender, const QSharedPointer<Element>& element,
+                         Attributes::Base::Attribute* attribute);
+};
 
 // What _load_xml and _save_xml handle: a bit set.
 using XML_read_write_parts = unsigned;
@@ -84,6 +119,8 @@ struct KTD_EXPORT Kind_info
     const int* list_versions;
     int id_index;          // index of the UniqueID attribute, -1 when the kind has none
     int designator_index;  // index of the designator attribute, -1 when none
+    const int* list_max_items = nullptr; // per list: the most children allowed, 0 for no limit
+    const char* const* attribute_members = nullptr; // per attribute: its name in the catalogue ("designator")
 };
 
 class KTD_EXPORT Element : public QEnableSharedFromThis<Element>
@@ -224,17 +261,46 @@ public:
     void set_extended_parameter(const QString& key, const QVariant& value);
     bool remove_extended_parameter(const QString& key);
 
-    // --- change bookkeeping (receivers are registered by the event layer) ---
+    // --- change bookkeeping and update events ---
+    // The number of the last change of this element or anything below it (the manager's
+    // change counter at that change).
     quint64 stamp() const { return m_stamp.load(std::memory_order_relaxed); }
     void set_stamp(quint64 s) { m_stamp.store(s, std::memory_order_relaxed); }
-    // Raises the manager's change counter and stamps this element, its ancestors and its list.
-    void notify_attribute_updated(Attribute* attribute);
-    // `changed_list`: a list of this element whose children changed, stamped with it.
-    void notify_changed(unsigned update_type, Element_list* changed_list = nullptr);
+    // Entry of an attribute change: raises the manager's change counter, stamps this element,
+    // its ancestors and its list, emits "updated" where named signals are connected and posts
+    // one event per live receiver of this element and of each ancestor.
+    void notify_updated(const Base_attribute_update& event);
+    // The same for `attribute` of this element (null: several attributes at once), unless a
+    // read or a quiet change of this element is in progress on this thread.
+    void notify_attribute_updated(const QSharedPointer<Element>& self, Attribute* attribute);
+    void notify_changed(unsigned update_type);
+    // Entry of a child added to or removed from `list` (a list of this element) at `index`.
+    void notify_child(const QSharedPointer<Element>& self, Element_list* list, int index, Update_type type);
+    // Entry of binary data appended (time logs): posted to receivers, no stamp changes.
+    void notify_binary_appended(const QSharedPointer<Element>& self);
+    // Counter, stamps and named signals of a change (`list` is stamped too when given).
+    // Answers whether this element or an ancestor has event receivers.
+    bool _notify_updated(const QSharedPointer<Element>& self, Attribute* attribute, Element_list* list = nullptr);
+    // The delivery walk: every live receiver of this element, then of its parent, and so on to
+    // the root, gets one send(); dead receivers met on the way are removed.
+    void _post_event(Elements::Client::Event_sender& sender);
+    // Receivers get every change of this element and of everything below it. The same receiver
+    // registered twice gets two events per change. The caller holds the data lock.
+    bool register_for_events(const QSharedPointer<Element>& self, QObject* receiver);
+    // Removes every registration of the receiver; answers whether there was one.
+    bool unregister_for_events(QObject* receiver);
+    // Registrations, including those of receivers destroyed since the last change.
+    int receiver_count() const;
+    // Named signals of this element (the direct path); made on first use.
+    Util::Signal_sender& signal_sender();
+    // The same when something is connected to them, else null (costs two atomic loads).
+    Util::Signal_sender* connected_signals() const;
+    // Filled once by the client layer when the library is loaded.
+    static void set_event_hooks(const Event_hooks* hooks);
+    static const Event_hooks* event_hooks();
     // Tells the reader that `child` was just added by a list (its add event announced it), so
     // the attributes read into it need no announcement of their own.
     static void reading_new_child(Element* child);
-    QVector<QWeakPointer<QObject>>& receivers();
 
     // Drops this element's links from the manager's bookkeeping.
     void release_links();
@@ -270,7 +336,14 @@ protected:
         QVector<QPair<QString, Attribute*>> attributes; // in document order
         QHash<QString, int> attribute_index;             // name -> position in attributes
         QMap<QString, QVariant> parameters;
-        QVector<QWeakPointer<QObject>> receivers;
+        // Guarded by receivers_lock, not the data lock. Each entry has a watch on its object's
+        // destruction that takes receivers_lock: a receiver is never posted to once its
+        // destruction began. receiver_entries counts entries (dead ones too) for a lock-free
+        // test on the changing thread.
+        QBasicMutex receivers_lock;
+        QVector<QPair<Event_receiver, QMetaObject::Connection>> receivers;
+        std::atomic<int> receiver_entries{0};
+        Util::Signal_sender named_signals;
         // Child elements of other makers ("P094_..."): not part of the tree, kept as XML text
         // so that they are written back inside their element when proprietary content is kept.
         QStringList foreign_children;
@@ -301,7 +374,20 @@ protected:
     // Written under the tree mutex (and the locks of the parent and this element).
     Element* m_parent = nullptr;
     Element_list* m_parent_list = nullptr;
-    Extras* m_extras = nullptr;
+    // Made on first use by whichever thread needs it (a receiver registering on the root while
+    // another thread changes a leaf); read without the data lock by the delivery walk.
+    class Extras_ptr
+    {
+    public:
+        Extras* get() const { return m_p.load(std::memory_order_acquire); }
+        Extras* operator->() const { return get(); }
+        operator Extras*() const { return get(); }
+        Extras* get_or_create();
+
+    private:
+        std::atomic<Extras*> m_p{nullptr};
+    };
+    Extras_ptr m_extras;
     std::atomic<quint64> m_stamp{0};
     QMutex m_lock;
     std::atomic<const void*> m_lock_owner{nullptr}; // the holding thread's token
@@ -339,6 +425,21 @@ protected:
 // ones it holds, whose holders in turn wait only further down; a cycle of waits would have to
 // come back up, which no rule allows.
 
+// While alive, changes of the element's attributes made on this thread send no notification and
+// leave the stamps as they are (the `_noevent` setters). Nests; restores what it replaced.
+class KTD_EXPORT Quiet_changes
+{
+public:
+    explicit Quiet_changes(Element* element);
+    ~Quiet_changes();
+    Quiet_changes(const Quiet_changes&) = delete;
+    Quiet_changes& operator=(const Quiet_changes&) = delete;
+
+private:
+    Element* m_previous;
+    bool m_previous_changed;
+};
+
 // Scoped lock of one element's data. Keeps the element alive while it lives; when the pointer
 // is null, the lock cannot be had in time, or taking it would break the lock order (rule 2
 // above: it is then taken only when free), it holds nothing and every access fails softly.
@@ -346,6 +447,12 @@ class KTD_EXPORT Element_locker_new
 {
 public:
     Element_locker_new(const QSharedPointer<Element>& element, int timeout_ms = -1);
+    // From a client handle (anything with get_base_elem()): the element if it still exists.
+    template <class Handle, class = decltype(std::declval<const Handle&>().get_base_elem())>
+    explicit Element_locker_new(const Handle& handle, int timeout_ms = -1)
+        : Element_locker_new(QSharedPointer<Element>(handle.get_base_elem()), timeout_ms)
+    {
+    }
     ~Element_locker_new();
     Element_locker_new(const Element_locker_new&) = delete;
     Element_locker_new& operator=(const Element_locker_new&) = delete;

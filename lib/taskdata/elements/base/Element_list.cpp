@@ -234,21 +234,16 @@ QSharedPointer<Element> Element_list::create_and_add(bool notify)
     return e;
 }
 
-void Element_list::send_list_add_event(int)
+void Element_list::send_list_add_event(int index)
 {
     if (QSharedPointer<Element> o = m_owner->get_sp())
-        _notify_updated(o, 1);
+        o->notify_child(o, this, index, child_added);
 }
 
-void Element_list::send_list_remove_event(int)
+void Element_list::send_list_remove_event(int index)
 {
     if (QSharedPointer<Element> o = m_owner->get_sp())
-        _notify_updated(o, 2);
-}
-
-void Element_list::_notify_updated(const QSharedPointer<Element>& element, unsigned update_type)
-{
-    element->notify_changed(update_type, this);
+        o->notify_child(o, this, index, child_removed);
 }
 
 } // namespace Base

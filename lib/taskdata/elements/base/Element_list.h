@@ -68,9 +68,10 @@ public:
     // owner's lock cannot be had.
     QSharedPointer<Element> create_and_add(bool notify = true);
 
+    // Announce a child added or removed at `index` (after the list changed): the owner's change
+    // counter, stamps and events (see Element::notify_child).
     void send_list_add_event(int index);
     void send_list_remove_event(int index);
-    void _notify_updated(const QSharedPointer<Element>& element, unsigned update_type);
     quint64 stamp() const { return m_stamp.load(std::memory_order_relaxed); }
     void set_stamp(quint64 s) { m_stamp.store(s, std::memory_order_relaxed); }
 

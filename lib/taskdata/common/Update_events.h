@@ -1,0 +1,175 @@
+// Update events: how a change of the task data tree reaches observers on other threads.
+//
+// A change (attribute set, child added or removed, binary data appended) is described by a
+// payload; the payload templates are instantiated once with base types (shared pointer to the
+// changed element, raw attribute or list pointer) for the changing side and once with client
+// handles (weak references only) for the receivers. The client payload is shared by every
+// Qt_event posted for one change and freed with the last of them. Event type numbers are
+// registered with Qt on first use, once per kind, whatever thread asks first.
+// Threads: a Sender is used by the changing thread only; a Qt_event is read by the thread of
+// the receiver it was posted to; the payload is immutable once posted.
+#pragma once
+
+#include <taskdata/taskdata_export.h>
+
+#include <QCoreApplication>
+#include <QEvent>
+#include <QSemaphore>
+#include <QSharedPointer>
+
+#include <atomic>
+#include <utility>
+
+namespace TC {
+namespace Task_data {
+
+// Values are fixed: receivers and the remote protocol switch on them.
+enum Update_type : int {
+    attribute_updated = 0,
+    child_added = 1,
+    child_removed = 2,
+    binary_appended = 3,
+    binary_modified = 4,
+};
+
+// Which registered event type a payload travels under (the order of Event_types_ids).
+enum Event_slot : int {
+    slot_attribute_update = 0,
+    slot_child_added = 1,
+    slot_child_removed = 2,
+    slot_binary_appended = 3,
+    slot_binary_modified = 4,
+    slot_flush = 5,
+    num_event_slots = 6,
+};
+
+// The QEvent::Type of a slot: registered with the hint 21572 on first use (so the first kind
+// used gets 21572 and every other kind another free number). One exported function for every
+// payload instantiation, so the library and the application see the same numbers.
+KTD_EXPORT QEvent::Type registered_event_type(Event_slot slot);
+
+template <class E>
+struct Update_event
+{
+    Update_type type;
+    E element;
+};
+
+template <class E, class A>
+struct Attribute_update_event : Update_event<E>
+{
+    static constexpr Event_slot event_slot = slot_attribute_update;
+    // Null (an empty handle) when several attributes changed at once, as when an element is
+    // read again from a file.
+    A attribute;
+    Attribute_update_event(E e, A a) : Update_event<E>{attribute_updated, std::move(e)}, attribute(std::move(a)) {}
+};
+
+template <Update_type T, class E, class L>
+struct Child_update_event : Update_event<E>
+{
+    static_assert(T == child_added || T == child_removed, "a child event is an add or a removal");
+    static constexpr Event_slot event_slot = Event_slot(T);
+    L list;
+    qint32 index; // position of the child added, or that the removed child had
+    Child_update_event(E e, L l, qint32 i) : Update_event<E>{T, std::move(e)}, list(std::move(l)), index(i) {}
+};
+
+template <Update_type T, class E>
+struct Typed_update_event : Update_event<E>
+{
+    static_assert(T == binary_appended || T == binary_modified, "a typed event is about binary data");
+    static constexpr Event_slot event_slot = Event_slot(T);
+    explicit Typed_update_event(E e) : Update_event<E>{T, std::move(e)} {}
+};
+
+// Asks a receiver to finish what was posted before it and then release the asking thread.
+// Posted below normal priority, so every update already queued for the receiver comes first.
+struct Flush_event
+{
+    static constexpr Event_slot event_slot = slot_flush;
+    QSemaphore& semaphore; // owned by the thread that waits for the flush
+    void handle() const { semaphore.release(); }
+};
+
+namespace Elements {
+namespace Client {
+
+// Posts one event for one change to a receiver. Made on the stack of the changing thread and
+// handed down the delivery walk; send() is called once per live receiver.
+class KTD_EXPORT Event_sender
+{
+public:
+    virtual ~Event_sender();
+    virtual void send(QObject* receiver) = 0;
+};
+
+// The six registered event type numbers, in this order. A receiver keeps one function-local
+// static instance and compares QEvent::type() against the members.
+struct KTD_EXPORT Event_types_ids
+{
+    Event_types_ids();
+    QEvent::Type attribute_update;
+    QEvent::Type child_added;
+    QEvent::Type child_removed;
+    QEvent::Type binary_appended;
+    QEvent::Type binary_modified;
+    QEvent::Type flush;
+};
+
+} // namespace Client
+} // namespace Elements
+
+// A posted event carrying one shared payload P.
+template <class P>
+class Qt_event final : public QEvent
+{
+public:
+    explicit Qt_event(QSharedPointer<const P> payload) : QEvent(event_type()), m_payload(std::move(payload))
+    {
+        // Publishes the payload to the receiving thread in terms the thread checker sees
+        // (the queue Qt hands the event through is not instrumented); free on x86.
+        m_published.store(true, std::memory_order_release);
+    }
+    static QEvent::Type event_type() { return registered_event_type(P::event_slot); }
+    const P& payload() const
+    {
+        (void)m_published.load(std::memory_order_acquire);
+        return *m_payload;
+    }
+    QSharedPointer<const P> shared_payload() const
+    {
+        (void)m_published.load(std::memory_order_acquire);
+        return m_payload;
+    }
+
+    class Sender;
+
+private:
+    QSharedPointer<const P> m_payload;
+    std::atomic<bool> m_published{false};
+};
+
+template <class P>
+class Qt_event<P>::Sender final : public Elements::Client::Event_sender
+{
+public:
+    explicit Sender(QSharedPointer<const P> payload) : m_payload(std::move(payload)) {}
+    explicit Sender(P payload) : m_payload(QSharedPointer<const P>::create(std::move(payload))) {}
+    void send(QObject* receiver) override
+    {
+        QCoreApplication::postEvent(receiver, new Qt_event<P>(m_payload), Qt::NormalEventPriority);
+    }
+    const P& payload() const { return *m_payload; }
+
+private:
+    QSharedPointer<const P> m_payload;
+};
+
+// Posts a flush to `receiver` below normal priority and blocks until the receiver handled it
+// (Flush_event::handle()): true then, false when the receiver was destroyed first. Never call it
+// on the receiver's own thread: it would wait for ever.
+KTD_EXPORT bool post_flush_and_wait(QObject* receiver);
+
+} // namespace Task_data
+} // namespace TC
