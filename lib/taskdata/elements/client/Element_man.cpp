@@ -26,7 +26,8 @@ struct State
     QMutex lock;
     QString load_path;
     QString save_path;
-    int xml_version = 0; // 0: the document's own
+    int xml_version = 0;      // 0: the document's own
+    int document_version = 0; // as the last load read it
     Iso::Time_source* time_source = nullptr;
     XML_interface* running = nullptr; // the save in progress
 };
@@ -128,7 +129,18 @@ Link_group Element_man::guid_group() const
     return Link_group();
 }
 
-bool Element_man::load_xml(XML_interface& xi) { return m_man && xi.load(m_man); }
+bool Element_man::load_xml(XML_interface& xi)
+{
+    if (!m_man)
+        return false;
+    const bool ok = xi.load(m_man);
+    // The root's version attributes fold every version into what they can write: the version
+    // read is kept here.
+    const QSharedPointer<State> s = state_of(m_man);
+    QMutexLocker g(&s->lock);
+    s->document_version = xi.format_version();
+    return ok;
+}
 
 bool Element_man::save_xml(XML_interface& xi)
 {
@@ -145,7 +157,7 @@ bool Element_man::load_from_xml(const char* path, String_filter filter)
     const QString dir = QString::fromLocal8Bit(path);
     XML_interface xi(dir);
     xi.set_name_filter(filter);
-    if (!xi.load(m_man))
+    if (!load_xml(xi))
         return false;
     set_taskdata_load_path(dir);
     return true;
@@ -233,9 +245,10 @@ int Element_man::get_xml_version() const
         QMutexLocker g(&s->lock);
         if (s->xml_version)
             return s->xml_version;
+        if (s->document_version)
+            return s->document_version;
     }
-    const Task_data root = get_client_root();
-    return root.valid() ? int(root.ver_major()) : 4;
+    return 4;
 }
 
 bool Element_man::check_uid_free(const QString& prefix, int n) const { return m_man && m_man->check_uid_free(prefix, n); }

@@ -88,7 +88,7 @@ public:
     QString get_taskdata_save_path() const;
     QString find_file_path(const QString& name) const;
     void set_xml_version(int version);
-    int get_xml_version() const; // the version set, else the document's, else 4
+    int get_xml_version() const; // the version set, else the one last loaded, else 4
 
     // --- identifiers ---
     bool check_uid_free(const QString& prefix, int n) const;

@@ -1,0 +1,332 @@
+// Client handles: every accessor of a few kinds, generated from the catalogue, on a live element
+// (the value goes in and comes back) and on an erased one (the empty result, nothing changed);
+// the generic operations of handles, lists and attribute handles on erased elements; identity,
+// lookup by number, list limits and the manager handle.
+#include <taskdata/elements/client/Elements.h>
+
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <functional>
+#include <tuple>
+
+using namespace TC::Task_data;
+using namespace TC::Task_data::Elements;
+namespace C = TC::Task_data::Elements::Client;
+namespace AB = TC::Task_data::Attributes::Base;
+
+namespace {
+
+// A tree with one element of each kind under test, as live handles, and the same kinds once
+// more as handles whose elements were erased.
+struct Fixture
+{
+    C::Element_man eman = C::Element_man::create();
+    C::Task_data root = eman.create_client_root();
+    using Handles = std::tuple<C::Task, C::Device, C::Time, C::Point, C::Process_data_variable, C::Link>;
+    Handles live;
+    Handles dead;
+    C::Task spare_task = root.create_task(); // a live child for adding to dead lists
+    QVector<QSharedPointer<Base::Element>> targets; // link targets, kept alive
+
+    Fixture()
+    {
+        live = make();
+        dead = make();
+        std::apply([](const auto&... h) { (h.kill(), ...); }, dead);
+    }
+    Handles make()
+    {
+        C::Task task = root.create_task();
+        C::Partfield field = root.create_partfield();
+        auto link_root = QSharedPointer<Base::Link_lst>::create(eman.get_eman_real().toWeakRef());
+        auto group = link_root->groups.create();
+        targets << link_root;
+        const C::Link link(group->links.create());
+        return {task, root.create_device(), task.create_time(), field.create_point(),
+                task.create_treatment_zone().create_process_data_variable(), link};
+    }
+    quint64 counter() const { return eman.get_eman_real()->change_counter(); }
+    QString registry() const
+    {
+        QString out;
+        const auto m = eman.get_eman_real();
+        for (const QString& prefix : m->registered_prefixes())
+            for (int n : m->registered_uids(prefix))
+                out += prefix + QString::number(n) + ' ';
+        return out;
+    }
+
+    // A value the attribute does not hold by default, within its range.
+    template <class T>
+    T sample(const AB::Integer<T>& a)
+    {
+        const auto& s = a.base_spec();
+        return s.max != s.def ? s.max : s.min;
+    }
+    double sample(const AB::Float& a) { return a.base_spec().max != a.base_spec().def ? a.base_spec().max : a.base_spec().min; }
+    QString sample(const AB::String& a) { return QStringLiteral("abcdefgh").left(int(a.base_spec().max_length)); }
+    QDateTime sample(const AB::Datetime&) { return QDateTime(QDate(2023, 6, 1), QTime(12, 30), Qt::UTC); }
+    int sample(const AB::UniqueID&) { return 4242; }
+    template <class E>
+    typename C::Client_of<E>::type sample(const AB::LinkedID_t<E>&)
+    {
+        using Target = std::conditional_t<std::is_same<E, Base::Element>::value, Base::Task, E>;
+        auto t = QSharedPointer<Target>::create(eman.get_eman_real().toWeakRef());
+        targets << t;
+        return typename C::Client_of<E>::type(t.template staticCast<Base::Element>());
+    }
+};
+
+struct Row
+{
+    QByteArray name;
+    // On the live handles: the value goes in and comes back. On the dead ones: the empty
+    // result. Either answers whether it held.
+    std::function<bool(Fixture&)> check;
+    bool on_dead;
+};
+
+QVector<Row>& rows()
+{
+    static QVector<Row> all;
+    return all;
+}
+
+void add(const QByteArray& name, bool on_dead, std::function<bool(Fixture&)> check)
+{
+    rows().append({name, std::move(check), on_dead});
+}
+
+#define KTD_STR2(x) #x
+#define KTD_STR(x) KTD_STR2(x)
+
+// One attribute `m` of kind CLS (defined around each expansion below).
+#define ROW_ATTR(m)                                                                            \
+    add(KTD_STR(CLS) "::" #m " live", false, [](Fixture& f) {                                  \
+        const auto h = std::get<C::CLS>(f.live);                                               \
+        const auto v = f.sample(static_cast<Base::CLS*>(h.get_base_elem().data())->m);         \
+        const quint64 before = f.counter();                                                    \
+        return h.set_##m(v) && h.m() == v && f.counter() == before + 1 &&                      \
+               h.m##_attribute().to_string() == h.get_attribute_string(Base::CLS::idx_##m);    \
+    });                                                                                        \
+    add(KTD_STR(CLS) "::" #m " dead", true, [](Fixture& f) {                                   \
+        const auto h = std::get<C::CLS>(f.dead);                                               \
+        using V = decltype(h.m());                                                             \
+        return h.m() == V() && !h.set_##m(V()) && !h.set_##m##_noevent(V()) &&                 \
+               h.m##_attribute().to_string().isEmpty() && !h.m##_attribute().set_by_text("1"); \
+    });
+#define ROW_K(Kind, m, ...) ROW_ATTR(m)
+#define ROW_M(m, ...) ROW_ATTR(m)
+#define ROW_LIST(T, m, tag, v, s, max)                                                         \
+    add(KTD_STR(CLS) "::" #m " live", false, [](Fixture& f) {                                  \
+        const auto h = std::get<C::CLS>(f.live);                                               \
+        const int n = h.m##_count();                                                           \
+        const C::T child = h.create_##s();                                                     \
+        const bool made = child.valid() && h.m##_count() == n + 1 && h.get_##s(n) == child;    \
+        return made && h.remove_##m(child) && h.m##_count() == n && !child.valid();            \
+    });                                                                                        \
+    add(KTD_STR(CLS) "::" #m " dead", true, [](Fixture& f) {                                   \
+        const auto h = std::get<C::CLS>(f.dead);                                               \
+        return h.m##_count() == 0 && !h.get_##s(0).valid() && !h.create_##s().valid() &&       \
+               !h.remove_##m(C::T()) && !h.m().valid() && h.m().count() == 0;                  \
+    });
+#define ROWS(Cls)                                                                              \
+    KTD_##Cls(ROW_K, ROW_K, ROW_M, ROW_M, ROW_M, ROW_M, ROW_M, ROW_M, ROW_K, ROW_K, ROW_M, ROW_LIST)
+
+void add_generated_rows()
+{
+#define CLS Task
+    ROWS(Task)
+#undef CLS
+#define CLS Device
+    ROWS(Device)
+#undef CLS
+#define CLS Time
+    ROWS(Time)
+#undef CLS
+#define CLS Point
+    ROWS(Point)
+#undef CLS
+#define CLS Process_data_variable
+    ROWS(Process_data_variable)
+#undef CLS
+#define CLS Link
+    ROWS(Link)
+#undef CLS
+}
+
+// The operations every handle has, on an erased task.
+void add_generic_rows()
+{
+    using E = const C::Task&;
+    const std::pair<const char*, std::function<bool(E, Fixture&)>> ops[] = {
+        {"identity", [](E h, Fixture&) {
+             return !h.valid() && h.get_id() == 0 && h.get_uid().isEmpty() && h.get_full_id().isEmpty() &&
+                    h.get_tag().isEmpty() && QByteArray(h.get_ctag()).isEmpty() && h.get_guid().isNull() &&
+                    !h.set_guid(QUuid::createUuid());
+         }},
+        {"names", [](E h, Fixture&) {
+             return h.designator().isEmpty() && h.generate_default_designator().isEmpty() &&
+                    h.get_name().isEmpty() && h.get_tr_cname().isEmpty() && h.get_tr_attribute_name(0).isEmpty() &&
+                    h.print().isEmpty();
+         }},
+        {"attributes", [](E h, Fixture&) {
+             return h.num_attributes() == 0 && !h.attribute(0).valid() && !h.attribute("B").valid() &&
+                    h.get_attribute_name(1).isEmpty() && h.get_attribute_variant(1).isNull() && h.get_flags(1) == 0 &&
+                    !h.set_flag(1, AB::Attribute::flag_valid) && !h.set_attributes_to_default() &&
+                    !h.add("P094_x", "1");
+         }},
+        {"tree", [](E h, Fixture& f) {
+             C::Element spare = f.spare_task;
+             return !h.get_parent().valid() && !h.get_root().valid() && !h.parent_list().valid() &&
+                    h.index_in_parent() == -1 && h.num_children() == 0 && !h.child(0).valid() &&
+                    h.num_element_lists() == 0 && !h.element_list(0).valid() && !h.create_from_list(0).valid() &&
+                    !h.add_to_list(spare, 0) && !h.copy_child(0, 0).valid() && !h.remove_element_child(0, 0) &&
+                    !h.copy(f.spare_task, f.eman) && !C::Element(f.spare_task).copy(h, f.eman) && !h.kill();
+         }},
+        {"links and parameters", [](E h, Fixture&) {
+             return h.get_linked_elements().isEmpty() && h.get_linked_element_ids().isEmpty() &&
+                    !h.pe_set_value("k", 1) && !h.pe_contains("k") && h.pe_value("k", 7).toInt() == 7 &&
+                    !h.pe_remove_value("k");
+         }},
+        {"events", [](E h, Fixture&) {
+             QObject r;
+             return !h.register_for_events(&r) && !h.unregister_for_events(&r) &&
+                    !h.connect(SIGNAL(destroyed()), &r, SLOT(deleteLater())) && h.stamp(false, true, true) == 0;
+         }},
+        {"files", [](E h, Fixture&) {
+             QTemporaryDir dir;
+             const QByteArray path = dir.filePath("task.xml").toLocal8Bit();
+             return h.to_xml().isEmpty() && !h.save_to_xml(path.constData()) && !QFile::exists(path) &&
+                    !h.find_latest_time().isValid() && !h.get_eman() && !h.get_element_man().valid();
+         }},
+        {"list handle", [](E h, Fixture& f) {
+             const C::Element_list l(h, int(Base::Task::lidx_times));
+             return !l.valid() && l.count() == 0 && !l[0].valid() && !l.add(f.spare_task) && !l.clear() &&
+                    !l.create_from_list().valid() && !l.copy_child(f.spare_task).valid() && l.get_tag().isEmpty() &&
+                    l.max_items() == 0;
+         }},
+        {"attribute handles", [](E h, Fixture&) {
+             return !h.get_base_elem() && !h.status_attribute().set_val(2) && h.status_attribute().get_val() == 0 &&
+                    !h.designator_attribute().set_string("x") && !h.partfield_attribute().get_target().valid() &&
+                    !h.designator_attribute().connect(SIGNAL(destroyed()), nullptr, SLOT(deleteLater()));
+         }},
+    };
+    for (const auto& op : ops) {
+        auto f = op.second;
+        add(QByteArray("Element ") + op.first, true, [f](Fixture& fx) { return f(std::get<C::Task>(fx.dead), fx); });
+    }
+}
+
+} // namespace
+
+class Tst_client_handles : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void accessors_data();
+    void accessors();
+    void identity_and_lookup();
+    void list_limits();
+    void manager_saves_and_loads();
+};
+
+void Tst_client_handles::initTestCase()
+{
+    add_generated_rows();
+    add_generic_rows();
+}
+
+void Tst_client_handles::accessors_data()
+{
+    QTest::addColumn<int>("row");
+    for (int i = 0; i < rows().size(); ++i)
+        QTest::newRow(rows().at(i).name.constData()) << i;
+}
+
+void Tst_client_handles::accessors()
+{
+    QFETCH(int, row);
+    Fixture f;
+    const Row& r = rows().at(row);
+    const quint64 counter = f.counter();
+    const QString registry = f.registry();
+    QVERIFY(r.check(f));
+    if (r.on_dead) {
+        QCOMPARE(f.counter(), counter); // nothing changed anywhere in the tree
+        QCOMPARE(f.registry(), registry);
+        QVERIFY(f.spare_task.get_parent() == f.root);
+    }
+}
+
+void Tst_client_handles::identity_and_lookup()
+{
+    Fixture f;
+    const C::Task task = std::get<C::Task>(f.live);
+    const C::Task copy = task;
+    QVERIFY(task.set_designator("changed"));
+    QVERIFY(copy == task);
+    QVERIFY(C::Element(task) == C::Element(task.get_base_elem()));
+    QVERIFY(!(C::Element(task) == C::Element(f.spare_task)));
+    QVERIFY(!C::Device(C::Element(task)).valid()); // a handle of another kind is empty
+    QVERIFY(C::Task(C::Element(task)) == task);
+
+    QVERIFY(task.set_id(17));
+    QVERIFY(std::get<C::Device>(f.live).set_id(17));
+    QCOMPARE(f.eman.find_element<C::Task>(17), task);
+    QCOMPARE(f.eman.find_element<C::Device>(17), std::get<C::Device>(f.live));
+    QVERIFY(!f.eman.find_element<C::Task>(18).valid());
+    QVERIFY(!f.eman.find_element<C::Partfield>(17).valid());
+    QCOMPARE(std::get<C::Time>(f.live).find_element<C::Task>(17), task);
+
+    QVERIFY(f.root.set_current_task(task));
+    QCOMPARE(f.root.current_task(), task);
+    QVERIFY(task.kill());
+    QVERIFY(!f.root.current_task().valid());
+}
+
+void Tst_client_handles::list_limits()
+{
+    Fixture f;
+    const C::Task task = std::get<C::Task>(f.live);
+    QCOMPARE(task.grids().max_items(), 1);
+    QCOMPARE(task.times().max_items(), 0);
+    QVERIFY(task.create_grid().valid());
+    QVERIFY(!task.create_grid().valid());
+    QCOMPARE(task.grids_count(), 1);
+    const C::Grid loose(QSharedPointer<Base::Grid>::create(f.eman.get_eman_real().toWeakRef()));
+    QVERIFY(!task.add_grid(loose));
+    QVERIFY(!task.times().add(loose)); // another kind
+    QCOMPARE(task.grids().get_version_introduced(), 0);
+    QCOMPARE(task.control_assignments().get_version_introduced(), 4);
+}
+
+void Tst_client_handles::manager_saves_and_loads()
+{
+    QTemporaryDir dir;
+    Fixture f;
+    C::Task task = std::get<C::Task>(f.live);
+    QVERIFY(task.set_designator("Spraying"));
+    QVERIFY(task.set_partfield(f.root.create_partfield()));
+    f.eman.set_xml_version(3);
+    QVERIFY(f.eman.save_to_xml(dir.path().toLocal8Bit().constData()));
+    QCOMPARE(f.eman.get_taskdata_save_path(), dir.path());
+
+    C::Element_man other = C::Element_man::create();
+    QVERIFY(other.load_from_xml(dir.path().toLocal8Bit().constData()));
+    QCOMPARE(other.get_xml_version(), 3);
+    const C::Task loaded = other.find_element<C::Task>(task.id());
+    QCOMPARE(loaded.designator(), QString("Spraying"));
+    QCOMPARE(loaded.partfield().id(), task.partfield().id());
+    QVERIFY(C::Element_man(other.get_eman_real()).get_taskdata_load_path() == dir.path());
+
+    other.destroy();
+    QVERIFY(!other.valid());
+    QVERIFY(!loaded.valid()); // the tree went with it
+    QVERIFY(!other.get_client_root().valid());
+}
+
+QTEST_GUILESS_MAIN(Tst_client_handles)
+#include "tst_client_handles.moc"
