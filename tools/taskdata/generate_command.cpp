@@ -3,6 +3,8 @@
 
 #include "tool_support.h"
 
+#include <taskdata/elements/client/Elements.h>
+
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
@@ -12,11 +14,9 @@
 #include <unistd.h>
 
 using namespace Taskdata_tool;
-using namespace TC::Task_data::Elements::Base;
+namespace Client = TC::Task_data::Elements::Client;
 
 namespace {
-
-using Man = QSharedPointer<Element_man>;
 
 void print_usage(QTextStream& s)
 {
@@ -61,20 +61,13 @@ private:
     quint64 m_state;
 };
 
-template <class E>
-QSharedPointer<E> make(const Man& man)
-{
-    return QSharedPointer<E>::create(man.toWeakRef());
-}
-
 // Identifiers as farm software gives them (positive numbers), GUIDs from the seed so that the
-// GUID list is as repeatable as the main file.
-template <class E>
-QSharedPointer<E> make_with_id(const Man& man, Rng& rng, int n)
+// GUID list is as repeatable as the main file. The GUID goes first: the number then takes it.
+template <class H>
+H with_id(const H& e, Rng& rng, int n)
 {
-    QSharedPointer<E> e = make<E>(man);
-    e->id.set_guid(rng.uuid());
-    e->id.set_val(e, n);
+    e.set_guid(rng.uuid());
+    e.set_id_noevent(n);
     return e;
 }
 
@@ -92,74 +85,62 @@ QString pick(const char* const (&names)[N], Rng& rng)
     return QString::fromLatin1(names[rng.below(int(N))]);
 }
 
-struct Device_parts
-{
-    QSharedPointer<Device> device;
-    QSharedPointer<Device_element> boom;
-};
-
 // A trailed sprayer: device, boom and `sections` sections, with the process data a task
-// controller needs for rate and section control.
-Device_parts build_device(const Man& man, Rng& rng, int sections)
+// controller needs for rate and section control. Nothing is announced while the tree is built.
+Client::Device build_device(const Client::Task_data& root, Rng& rng, int sections)
 {
-    auto dvc = make_with_id<Device>(man, rng, 1);
-    dvc->designator.set_string_noevent(QStringLiteral("Sprayer 24 m"));
-    dvc->software_version.set_string_noevent(QStringLiteral("2.4.1"));
-    dvc->master_name.set_val_noevent(0xA00086000DE00001ULL);
-    dvc->serial_number.set_string_noevent(QStringLiteral("SN-%1").arg(100000 + rng.below(900000)));
-    dvc->structure_label.set_string_noevent(QStringLiteral("31303030303131"));
-    dvc->localisation_label.set_string_noevent(QStringLiteral("FF000000006564"));
+    const auto dvc = with_id(root.create_device(false), rng, 1);
+    dvc.set_designator_noevent(QStringLiteral("Sprayer 24 m"));
+    dvc.set_software_version_noevent(QStringLiteral("2.4.1"));
+    dvc.set_master_name_noevent(0xA00086000DE00001ULL);
+    dvc.set_serial_number_noevent(QStringLiteral("SN-%1").arg(100000 + rng.below(900000)));
+    dvc.set_structure_label_noevent(QStringLiteral("31303030303131"));
+    dvc.set_localisation_label_noevent(QStringLiteral("FF000000006564"));
 
     int next_det = 1;
     auto det = [&](int object, int type, const QString& name, int number, int parent) {
-        auto e = make_with_id<Device_element>(man, rng, next_det++);
-        e->object_id.set_val_noevent(quint16(object));
-        e->type.set_val_noevent(quint8(type));
-        e->designator.set_string_noevent(name);
-        e->element_number.set_val_noevent(quint16(number));
-        e->parent_object_id.set_val_noevent(quint16(parent));
-        dvc->elements.add(e, -1, false);
+        const auto e = with_id(dvc.create_element(false), rng, next_det++);
+        e.set_object_id_noevent(quint16(object));
+        e.set_type_noevent(quint8(type));
+        e.set_designator_noevent(name);
+        e.set_element_number_noevent(quint16(number));
+        e.set_parent_object_id_noevent(quint16(parent));
         return e;
     };
-    auto reference = [&](const QSharedPointer<Device_element>& e, int object) {
-        auto r = make<Device_object_reference>(man);
-        r->object_id.set_val_noevent(quint16(object));
-        e->object_references.add(r, -1, false);
+    auto reference = [&](const Client::Device_element& e, int object) {
+        e.create_object_reference(false).set_object_id_noevent(quint16(object));
     };
     auto process_data = [&](int object, quint16 ddi, int property, int triggers, const QString& name, int presentation) {
-        auto p = make<Device_process_data>(man);
-        p->object_id.set_val_noevent(quint16(object));
-        p->ddi.set_val_noevent(ddi);
-        p->property.set_val_noevent(quint8(property));
-        p->trigger_methods.set_val_noevent(quint8(triggers));
-        p->designator.set_string_noevent(name);
+        const auto p = dvc.create_process_data(false);
+        p.set_object_id_noevent(quint16(object));
+        p.set_ddi_noevent(ddi);
+        p.set_property_noevent(quint8(property));
+        p.set_trigger_methods_noevent(quint8(triggers));
+        p.set_designator_noevent(name);
         if (presentation > 0)
-            p->presentation_object_id.set_val_noevent(quint16(presentation));
-        dvc->process_data.add(p, -1, false);
+            p.set_presentation_object_id_noevent(quint16(presentation));
     };
     auto property = [&](int object, quint16 ddi, qint32 value, const QString& name, int presentation) {
-        auto p = make<Device_property>(man);
-        p->object_id.set_val_noevent(quint16(object));
-        p->ddi.set_val_noevent(ddi);
-        p->value.set_val_noevent(value);
-        p->designator.set_string_noevent(name);
+        const auto p = dvc.create_property(false);
+        p.set_object_id_noevent(quint16(object));
+        p.set_ddi_noevent(ddi);
+        p.set_value_noevent(value);
+        p.set_designator_noevent(name);
         if (presentation > 0)
-            p->presentation_object_id.set_val_noevent(quint16(presentation));
-        dvc->properties.add(p, -1, false);
+            p.set_presentation_object_id_noevent(quint16(presentation));
     };
     auto presentation = [&](int object, qint32 offset, double scale, int decimals, const QString& unit) {
-        auto v = make<Device_value_presentation>(man);
-        v->object_id.set_val_noevent(quint16(object));
-        v->offset.set_val_noevent(offset);
-        v->scale.set_val_noevent(scale);
-        v->number_of_decimals.set_val_noevent(quint8(decimals));
-        v->unit_designator.set_string_noevent(unit);
-        dvc->value_presentations.add(v, -1, false);
+        const auto v = dvc.create_value_presentation(false);
+        v.set_object_id_noevent(quint16(object));
+        v.set_offset_noevent(offset);
+        v.set_scale_noevent(scale);
+        v.set_number_of_decimals_noevent(quint8(decimals));
+        v.set_unit_designator_noevent(unit);
     };
 
     const int width_mm = 24000;
-    auto device = det(1, 1, QStringLiteral("Sprayer"), 0, 0);
-    auto boom = det(2, 2, QStringLiteral("Boom"), 1, 1);
+    const auto device = det(1, 1, QStringLiteral("Sprayer"), 0, 0);
+    const auto boom = det(2, 2, QStringLiteral("Boom"), 1, 1);
     reference(device, 100);
     reference(device, 101);
     reference(device, 103);
@@ -174,7 +155,7 @@ Device_parts build_device(const Man& man, Rng& rng, int sections)
     property(111, 0x0043, width_mm, QStringLiteral("Working width"), 201);
     const int section_width = width_mm / qMax(1, sections);
     for (int s = 0; s < sections; ++s) {
-        auto sec = det(3 + s, 4, QStringLiteral("Section %1").arg(s + 1), 2 + s, 2);
+        const auto sec = det(3 + s, 4, QStringLiteral("Section %1").arg(s + 1), 2 + s, 2);
         const int y_object = 120 + 2 * s;
         reference(sec, y_object);
         reference(sec, y_object + 1);
@@ -184,7 +165,7 @@ Device_parts build_device(const Man& man, Rng& rng, int sections)
     }
     presentation(200, 0, 0.01, 1, QStringLiteral("l/ha"));
     presentation(201, 0, 0.001, 2, QStringLiteral("m"));
-    return {dvc, boom};
+    return dvc;
 }
 
 // What the tree and its written text take per point, per field and per task (measured: about
@@ -214,71 +195,67 @@ qint64 available_memory()
 
 } // namespace
 
-bool build_generated_tree(const Man& man, const Generate_options& o)
+bool build_generated_tree(const Client::Element_man& eman, const Generate_options& o)
 {
-    if (o.fields < 0 || o.points < 4 || o.tasks < 0)
+    if (o.fields < 0 || o.points < 4 || o.tasks < 0 || !eman.valid())
         return false;
     Rng rng(o.seed);
-    auto root = make<Task_data>(man);
-    root->ver_major.set_val_noevent(4);
-    root->ver_minor.set_val_noevent(3);
-    root->mngt_sw_manufacturer.set_string_noevent(QStringLiteral("Korvanel taskdata generate"));
-    root->mngt_sw_ver.set_string_noevent(QStringLiteral(KTD_TOOL_VERSION));
-    root->data_xfer_origin.set_val_noevent(1);
-    man->set_root(root);
+    Client::Element_man man = eman;
+    man.set_xml_version(4);
+    const Client::Task_data root = man.create_client_root();
+    root.set_ver_major_noevent(4);
+    root.set_ver_minor_noevent(3);
+    root.set_mngt_sw_manufacturer_noevent(QStringLiteral("Korvanel taskdata generate"));
+    root.set_mngt_sw_ver_noevent(QStringLiteral(KTD_TOOL_VERSION));
+    root.set_data_xfer_origin_noevent(1);
 
     const int n_customers = qMax(2, (o.fields + 9) / 10);
     const int n_farms = qMax(1, (o.fields + 4) / 5);
-    QVector<QSharedPointer<Customer>> customers;
+    QVector<Client::Customer> customers;
     for (int i = 0; i < n_customers; ++i) {
-        auto c = make_with_id<Customer>(man, rng, i + 1);
-        c->designator.set_string_noevent(pick(last_names, rng));
-        c->first_name.set_string_noevent(pick(first_names, rng));
-        c->city.set_string_noevent(pick(cities, rng));
-        c->postal_code.set_string_noevent(QString::number(49000 + rng.below(700)));
-        c->country.set_string_noevent(QStringLiteral("DE"));
-        root->customers.add(c, -1, false);
+        const auto c = with_id(root.create_customer(false), rng, i + 1);
+        c.set_designator_noevent(pick(last_names, rng));
+        c.set_first_name_noevent(pick(first_names, rng));
+        c.set_city_noevent(pick(cities, rng));
+        c.set_postal_code_noevent(QString::number(49000 + rng.below(700)));
+        c.set_country_noevent(QStringLiteral("DE"));
         customers.append(c);
     }
-    QVector<QSharedPointer<Farm>> farms;
+    QVector<Client::Farm> farms;
     for (int i = 0; i < n_farms; ++i) {
-        auto f = make_with_id<Farm>(man, rng, i + 1);
-        f->designator.set_string_noevent(QStringLiteral("Farm %1").arg(i + 1));
-        f->city.set_string_noevent(pick(cities, rng));
-        f->country.set_string_noevent(QStringLiteral("DE"));
-        f->customer.set(f, customers.at(i % n_customers), false);
-        root->farms.add(f, -1, false);
+        const auto f = with_id(root.create_farm(false), rng, i + 1);
+        f.set_designator_noevent(QStringLiteral("Farm %1").arg(i + 1));
+        f.set_city_noevent(pick(cities, rng));
+        f.set_country_noevent(QStringLiteral("DE"));
+        f.set_customer_noevent(customers.at(i % n_customers));
         farms.append(f);
     }
-    QVector<QSharedPointer<Worker>> workers;
+    QVector<Client::Worker> workers;
     for (int i = 0; i < 2; ++i) {
-        auto w = make_with_id<Worker>(man, rng, i + 1);
-        w->designator.set_string_noevent(pick(last_names, rng));
-        w->first_name.set_string_noevent(pick(first_names, rng));
-        root->workers.add(w, -1, false);
+        const auto w = with_id(root.create_worker(false), rng, i + 1);
+        w.set_designator_noevent(pick(last_names, rng));
+        w.set_first_name_noevent(pick(first_names, rng));
         workers.append(w);
     }
-    QVector<QSharedPointer<Product>> products;
+    QVector<Client::Product> products;
     const char* const product_names[] = {"Calcium ammonium nitrate", "AHL 28", "Winter wheat seed"};
     for (int i = 0; i < 3; ++i) {
-        auto p = make_with_id<Product>(man, rng, i + 1);
-        p->designator.set_string_noevent(QString::fromLatin1(product_names[i]));
-        p->type.set_val_noevent(1);
-        root->products.add(p, -1, false);
+        const auto p = with_id(root.create_product(false), rng, i + 1);
+        p.set_designator_noevent(QString::fromLatin1(product_names[i]));
+        p.set_type_noevent(1);
         products.append(p);
     }
-    const QSharedPointer<Device> device = build_device(man, rng, 6).device;
-    root->devices.add(device, -1, false);
+    const Client::Device device = build_device(root, rng, 6);
 
-    QVector<QSharedPointer<Partfield>> fields;
+    QVector<Client::Partfield> fields;
     const double metres_per_degree = 111320.0;
     const double pi = 3.14159265358979323846;
     for (int i = 0; i < o.fields; ++i) {
-        auto f = make_with_id<Partfield>(man, rng, i + 1);
+        const auto f = with_id(root.create_partfield(false), rng, i + 1);
         const auto farm = farms.at(i % n_farms);
-        f->designator.set_string_noevent(QStringLiteral("Field %1").arg(i + 1));
-        f->customer.set(f, farm->customer.get_target(), false);
-        f->farm.set(f, farm, false);
+        f.set_designator_noevent(QStringLiteral("Field %1").arg(i + 1));
+        f.set_customer_noevent(farm.customer());
+        f.set_farm_noevent(farm);
 
         // Fields on a grid of about 1.7 x 1.7 km cells, each a smoothly wobbling ring around its
         // centre: the angle only grows, so the ring never crosses itself.
@@ -288,11 +265,11 @@ bool build_generated_tree(const Man& man, const Generate_options& o)
         const double a1 = rng.range(0.0, 0.12), a2 = rng.range(0.0, 0.08), a3 = rng.range(0.0, 0.04);
         const double p1 = rng.range(0, 2 * pi), p2 = rng.range(0, 2 * pi), p3 = rng.range(0, 2 * pi);
         const double lon_scale = metres_per_degree * std::cos(lat0 * pi / 180.0);
-        auto polygon = make<Polygon>(man);
-        polygon->type.set_val_noevent(1);
-        polygon->designator.set_string_noevent(QStringLiteral("Boundary"));
-        auto ring = make<Linestring>(man);
-        ring->type.set_val_noevent(1);
+        const auto polygon = f.create_polygon(false);
+        polygon.set_type_noevent(1);
+        polygon.set_designator_noevent(QStringLiteral("Boundary"));
+        const auto ring = polygon.create_line_string(false);
+        ring.set_type_noevent(1);
         const int distinct = o.points - 1;
         QVector<QPointF> local;
         local.reserve(distinct);
@@ -310,61 +287,51 @@ bool build_generated_tree(const Man& man, const Generate_options& o)
         }
         for (int k = 0; k <= distinct; ++k) {
             const QPointF& q = local.at(k % distinct);
-            auto p = make<Point>(man);
-            p->type.set_val_noevent(2);
-            p->north.set_val_noevent(coordinate(lat0 + q.y() / metres_per_degree));
-            p->east.set_val_noevent(coordinate(lon0 + q.x() / lon_scale));
-            ring->points.add(p, -1, false);
+            const auto p = ring.create_point(false);
+            p.set_type_noevent(2);
+            p.set_north_noevent(coordinate(lat0 + q.y() / metres_per_degree));
+            p.set_east_noevent(coordinate(lon0 + q.x() / lon_scale));
         }
-        f->area.set_val_noevent(quint32(std::llround(std::fabs(twice_area) / 2)));
-        polygon->line_strings.add(ring, -1, false);
-        f->polygons.add(polygon, -1, false);
-        root->partfields.add(f, -1, false);
+        f.set_area_noevent(quint32(std::llround(std::fabs(twice_area) / 2)));
         fields.append(f);
     }
 
     const QDateTime first_start(QDate(2024, 3, 4), QTime(7, 0), Qt::UTC);
     for (int i = 0; i < o.tasks; ++i) {
-        auto t = make_with_id<Task>(man, rng, i + 1);
-        t->status.set_val_noevent(1);
-        t->default_treatment_zone.set_val_noevent(1);
+        const auto t = with_id(root.create_task(false), rng, i + 1);
+        t.set_status_noevent(1);
+        t.set_default_treatment_zone_noevent(1);
         if (!fields.isEmpty()) {
             const auto field = fields.at(i % fields.size());
-            t->designator.set_string_noevent(QStringLiteral("Fertilising %1").arg(field->designator.get_string()));
-            t->partfield.set(t, field, false);
-            t->farm.set(t, field->farm.get_target(), false);
-            t->customer.set(t, field->customer.get_target(), false);
+            t.set_designator_noevent(QStringLiteral("Fertilising %1").arg(field.designator()));
+            t.set_partfield_noevent(field);
+            t.set_farm_noevent(field.farm());
+            t.set_customer_noevent(field.customer());
         } else {
-            t->designator.set_string_noevent(QStringLiteral("Fertilising %1").arg(i + 1));
-            t->customer.set(t, customers.first(), false);
+            t.set_designator_noevent(QStringLiteral("Fertilising %1").arg(i + 1));
+            t.set_customer_noevent(customers.first());
         }
-        t->worker.set(t, workers.at(i % workers.size()), false);
+        t.set_worker_noevent(workers.at(i % workers.size()));
 
-        auto zone = make<Treatment_zone>(man);
-        zone->code.set_val_noevent(1);
-        zone->designator.set_string_noevent(QStringLiteral("Rate 1"));
-        auto rate = make<Process_data_variable>(man);
-        rate->ddi.set_val_noevent(0x0006); // setpoint mass per area, mg/m2
-        rate->value.set_val_noevent(15000 + 100 * rng.below(101));
-        rate->product.set(rate, products.first(), false);
-        zone->process_data_variables.add(rate, -1, false);
-        t->treatment_zones.add(zone, -1, false);
+        const auto zone = t.create_treatment_zone(false);
+        zone.set_code_noevent(1);
+        zone.set_designator_noevent(QStringLiteral("Rate 1"));
+        const auto rate = zone.create_process_data_variable(false);
+        rate.set_ddi_noevent(0x0006); // setpoint mass per area, mg/m2
+        rate.set_value_noevent(15000 + 100 * rng.below(101));
+        rate.set_product_noevent(products.first());
 
-        auto time = make<Time>(man);
-        time->start.set_qdt(time, first_start.addDays(i));
-        time->type.set_val_noevent(1); // planned
-        t->times.add(time, -1, false);
+        const auto time = t.create_time(false);
+        time.set_start_noevent(first_start.addDays(i));
+        time.set_type_noevent(1); // planned
 
-        auto allocation = make<Device_allocation>(man);
-        allocation->master_name.set_val_noevent(device->master_name.get_val());
-        allocation->device_ref.set(allocation, device, false);
-        t->device_allocations.add(allocation, -1, false);
+        const auto allocation = t.create_device_allocation(false);
+        allocation.set_master_name_noevent(device.master_name());
+        allocation.set_device_ref_noevent(device);
 
-        auto trigger = make<Data_log_trigger>(man);
-        trigger->ddi.set_val_noevent(0xDFFF); // the device's default set of process data
-        trigger->method.set_val_noevent(31);
-        t->data_log_triggers.add(trigger, -1, false);
-        root->tasks.add(t, -1, false);
+        const auto trigger = t.create_data_log_trigger(false);
+        trigger.set_ddi_noevent(0xDFFF); // the device's default set of process data
+        trigger.set_method_noevent(31);
     }
     return true;
 }
@@ -426,8 +393,8 @@ int run_generate_command(const QStringList& args, QTextStream& out, QTextStream&
         err << "taskdata generate: cannot create " << outdir << '\n';
         return exit_write_failed;
     }
-    const Man man = Element_man::create();
-    man->set_task_data_dir(outdir);
+    Client::Element_man man = Client::Element_man::create();
+    man.get_eman_real()->set_task_data_dir(outdir);
     build_generated_tree(man, o);
     XML_interface xi(outdir);
     xi.set_output_dir(outdir);
@@ -436,7 +403,7 @@ int run_generate_command(const QStringList& args, QTextStream& out, QTextStream&
     xi.set_keep_proprietary(false);
     Progress progress(QStringLiteral("generate"));
     xi.set_progress_handler([&](int done, int total) { progress.update(done, total); });
-    if (!xi.save(man)) {
+    if (!man.save_xml(xi)) {
         err << "taskdata generate: " << xi.fail_text() << '\n';
         return exit_write_failed;
     }

@@ -4,19 +4,10 @@
 // Uses the library's public API only; the streams belong to the caller. One thread at a time.
 #pragma once
 
-#include <QSharedPointer>
+#include <taskdata/elements/client/Element_man.h>
+
 #include <QStringList>
 #include <QTextStream>
-
-namespace TC {
-namespace Task_data {
-namespace Elements {
-namespace Base {
-class Element_man;
-}
-} // namespace Elements
-} // namespace Task_data
-} // namespace TC
 
 struct Generate_options
 {
@@ -26,9 +17,9 @@ struct Generate_options
     quint64 seed = 1;
 };
 
-// Builds the synthetic tree in `man` (root set); answers false for options out of range.
-bool build_generated_tree(const QSharedPointer<TC::Task_data::Elements::Base::Element_man>& man,
-                          const Generate_options& options);
+// Builds the synthetic tree in `man` (a new root) through the client handles, announcing
+// nothing; answers false for options out of range.
+bool build_generated_tree(const TC::Task_data::Elements::Client::Element_man& man, const Generate_options& options);
 
 // args are the words after "generate". Returns 0 when written, 2 on bad usage, 3 when the output
 // could not be written.
