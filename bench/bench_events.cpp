@@ -1,7 +1,7 @@
 // bench_events: what a change costs the changing thread, and what a client handle read costs.
 //
 // Builds a tree of 100,000 elements (fields, polygons, rings, points) and changes one point's
-// attribute deep in it (five levels below the root) again and again, with 0, 1 and 10 receivers
+// attribute deep in it (four levels below the root) again and again, with 0, 1 and 10 receivers
 // registered on the root and living on a second thread that consumes the events meanwhile.
 // Each figure is the changing thread's own CPU time per change (median over batches), next to
 // a baseline measured in the same run:
