@@ -167,7 +167,8 @@ private:
 };
 
 // Posts a flush to `receiver` below normal priority and blocks until the receiver handled it
-// (Flush_event::handle()): true then, false when the receiver was destroyed first. Never call it
+// (Flush_event::handle(), which the receiver must call): true then, false when the receiver was
+// destroyed first. Never call it
 // on the receiver's own thread: it would wait for ever.
 KTD_EXPORT bool post_flush_and_wait(QObject* receiver);
 

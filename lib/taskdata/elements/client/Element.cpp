@@ -44,6 +44,14 @@ Base_attribute* attribute_at(Base::Element* e, unsigned index, bool extra = true
     return index - n < unsigned(x.size()) ? x.at(int(index - n)) : nullptr;
 }
 
+// f(attribute) for the attribute at `index`; `empty` when there is none.
+template <class R, class F>
+R on_attribute(Base::Element* e, unsigned index, R empty, F&& f)
+{
+    Base_attribute* a = attribute_at(e, index);
+    return a ? f(a) : empty;
+}
+
 QString name_of(Base::Element* e)
 {
     const QString id = e->get_id_string();
@@ -240,56 +248,49 @@ QString Element::get_attribute_name(unsigned index) const
     return with(QString(), [index](Base::Element* e, const Strong&) {
         if (index < e->_num_iso_attributes())
             return QString::fromLatin1(e->kind().attribute_members[index]);
-        Base_attribute* a = attribute_at(e, index);
-        return a ? a->xml_name() : QString();
+        return on_attribute(e, index, QString(), [](Base_attribute* a) { return a->xml_name(); });
     });
 }
 
 QString Element::get_attribute_tag(unsigned index) const
 {
     return with(QString(), [index](Base::Element* e, const Strong&) {
-        Base_attribute* a = attribute_at(e, index);
-        return a ? a->xml_name() : QString();
+        return on_attribute(e, index, QString(), [](Base_attribute* a) { return a->xml_name(); });
     });
 }
 
 QString Element::get_attribute_string(unsigned index) const
 {
     return with(QString(), [index](Base::Element* e, const Strong&) {
-        Base_attribute* a = attribute_at(e, index);
-        return a ? a->to_string() : QString();
+        return on_attribute(e, index, QString(), [](Base_attribute* a) { return a->to_string(); });
     });
 }
 
 QVariant Element::get_attribute_variant(unsigned index) const
 {
     return with(QVariant(), [index](Base::Element* e, const Strong&) {
-        Base_attribute* a = attribute_at(e, index);
-        return a ? a->get_qvariant() : QVariant();
+        return on_attribute(e, index, QVariant(), [](Base_attribute* a) { return a->get_qvariant(); });
     });
 }
 
 Element::flags_t Element::get_flags(unsigned index) const
 {
     return with(flags_t(0), [index](Base::Element* e, const Strong&) {
-        Base_attribute* a = attribute_at(e, index);
-        return a ? a->get_flags() : flags_t(0);
+        return on_attribute(e, index, flags_t(0), [](Base_attribute* a) { return a->get_flags(); });
     });
 }
 
 bool Element::is_flag_set(unsigned index, flags_t flags) const
 {
     return with(false, [=](Base::Element* e, const Strong&) {
-        Base_attribute* a = attribute_at(e, index);
-        return a && a->is_flag_set(flags);
+        return on_attribute(e, index, false, [flags](Base_attribute* a) { return a->is_flag_set(flags); });
     });
 }
 
 bool Element::set_flag(unsigned index, flags_t flags, bool on) const
 {
     return with(false, [=](Base::Element* e, const Strong& self) {
-        Base_attribute* a = attribute_at(e, index);
-        return a && a->set_flag(self, flags, on);
+        return on_attribute(e, index, false, [&](Base_attribute* a) { return a->set_flag(self, flags, on); });
     });
 }
 

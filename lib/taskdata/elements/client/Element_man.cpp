@@ -53,6 +53,17 @@ QSharedPointer<State> state_of(const QSharedPointer<Base::Element_man>& man)
     return s;
 }
 
+// f(state) under the state's lock; `empty` for an empty handle.
+template <class R, class F>
+R with_state(const QSharedPointer<Base::Element_man>& man, R empty, F&& f)
+{
+    const QSharedPointer<State> s = state_of(man);
+    if (!s)
+        return empty;
+    QMutexLocker g(&s->lock);
+    return f(*s);
+}
+
 // Marks the run of `xi` as the save in progress of the manager while alive.
 struct Running
 {
@@ -136,9 +147,10 @@ bool Element_man::load_xml(XML_interface& xi)
     const bool ok = xi.load(m_man);
     // The root's version attributes fold every version into what they can write: the version
     // read is kept here.
-    const QSharedPointer<State> s = state_of(m_man);
-    QMutexLocker g(&s->lock);
-    s->document_version = xi.format_version();
+    with_state(m_man, false, [&xi](State& s) {
+        s.document_version = xi.format_version();
+        return true;
+    });
     return ok;
 }
 
@@ -173,7 +185,7 @@ bool Element_man::save_to_xml(const char* path, bool keep_proprietary)
     XML_interface xi(dir);
     xi.set_output_dir(dir);
     xi.set_keep_proprietary(keep_proprietary);
-    if (const int version = state_of(m_man)->xml_version)
+    if (const int version = with_state(m_man, 0, [](State& s) { return s.xml_version; }))
         xi.set_format_version(version);
     if (!save_xml(xi))
         return false;
@@ -183,72 +195,57 @@ bool Element_man::save_to_xml(const char* path, bool keep_proprietary)
 
 bool Element_man::get_save_progress(int& done, int& total) const
 {
-    const QSharedPointer<State> s = state_of(m_man);
-    if (!s)
-        return false;
-    QMutexLocker g(&s->lock);
-    if (!s->running)
-        return false;
-    // Counters of a run on another thread: read as they stand, for a progress display.
-    done = s->running->objects_done();
-    total = s->running->total_objects();
-    return true;
+    return with_state(m_man, false, [&](State& s) {
+        if (!s.running)
+            return false;
+        // Counters of a run on another thread: read as they stand, for a progress display.
+        done = s.running->objects_done();
+        total = s.running->total_objects();
+        return true;
+    });
 }
 
 void Element_man::set_taskdata_load_path(const QString& path)
 {
-    if (const QSharedPointer<State> s = state_of(m_man)) {
-        QMutexLocker g(&s->lock);
-        s->load_path = path;
-    }
+    with_state(m_man, false, [&](State& s) {
+        s.load_path = path;
+        return true;
+    });
 }
 
 QString Element_man::get_taskdata_load_path() const
 {
-    const QSharedPointer<State> s = state_of(m_man);
-    if (!s)
-        return QString();
-    QMutexLocker g(&s->lock);
-    return s->load_path;
+    return with_state(m_man, QString(), [](State& s) { return s.load_path; });
 }
 
 void Element_man::set_taskdata_save_path(const QString& path)
 {
-    if (const QSharedPointer<State> s = state_of(m_man)) {
-        QMutexLocker g(&s->lock);
-        s->save_path = path;
-    }
+    with_state(m_man, false, [&](State& s) {
+        s.save_path = path;
+        return true;
+    });
 }
 
 QString Element_man::get_taskdata_save_path() const
 {
-    const QSharedPointer<State> s = state_of(m_man);
-    if (!s)
-        return QString();
-    QMutexLocker g(&s->lock);
-    return s->save_path;
+    return with_state(m_man, QString(), [](State& s) { return s.save_path; });
 }
 
 QString Element_man::find_file_path(const QString& name) const { return m_man ? m_man->find_file(name) : QString(); }
 
 void Element_man::set_xml_version(int version)
 {
-    if (const QSharedPointer<State> s = state_of(m_man)) {
-        QMutexLocker g(&s->lock);
-        s->xml_version = version;
-    }
+    with_state(m_man, false, [version](State& s) {
+        s.xml_version = version;
+        return true;
+    });
 }
 
 int Element_man::get_xml_version() const
 {
-    if (const QSharedPointer<State> s = state_of(m_man)) {
-        QMutexLocker g(&s->lock);
-        if (s->xml_version)
-            return s->xml_version;
-        if (s->document_version)
-            return s->document_version;
-    }
-    return 4;
+    return with_state(m_man, 4, [](State& s) {
+        return s.xml_version ? s.xml_version : s.document_version ? s.document_version : 4;
+    });
 }
 
 bool Element_man::check_uid_free(const QString& prefix, int n) const { return m_man && m_man->check_uid_free(prefix, n); }
@@ -312,19 +309,15 @@ QPointF Element_man::get_cur_pos() const { return m_man ? m_man->position().lon_
 
 void Element_man::set_time_source(Iso::Time_source* source)
 {
-    if (const QSharedPointer<State> s = state_of(m_man)) {
-        QMutexLocker g(&s->lock);
-        s->time_source = source;
-    }
+    with_state(m_man, false, [source](State& s) {
+        s.time_source = source;
+        return true;
+    });
 }
 
 Iso::Time_source* Element_man::get_time_source() const
 {
-    const QSharedPointer<State> s = state_of(m_man);
-    if (!s)
-        return nullptr;
-    QMutexLocker g(&s->lock);
-    return s->time_source;
+    return with_state(m_man, static_cast<Iso::Time_source*>(nullptr), [](State& s) { return s.time_source; });
 }
 
 const QVector<DDI_table::Entry>& Element_man::get_ddi_list() const { return DDI_table::entries(); }
