@@ -168,8 +168,7 @@ private:
 
 // Posts a flush to `receiver` below normal priority and blocks until the receiver handled it
 // (Flush_event::handle(), which the receiver must call): true then, false when the receiver was
-// destroyed first. Never call it
-// on the receiver's own thread: it would wait for ever.
+// destroyed first. Never call it on the receiver's own thread: it would wait for ever.
 KTD_EXPORT bool post_flush_and_wait(QObject* receiver);
 
 } // namespace Task_data

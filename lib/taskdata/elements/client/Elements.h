@@ -111,6 +111,16 @@ auto get(const Element& h, A B::*member) -> decltype(value(std::declval<const A&
     return value(static_cast<B*>(lock.get())->*member);
 }
 
+// The same as a handle of type R: a call that depends on R waits for R to be complete.
+template <class R, class B, class A>
+R get_as(const Element& h, A B::*member)
+{
+    Base::Element_locker_new lock(h.get_base_elem(), -1);
+    if (!lock)
+        return R();
+    return R(value(static_cast<B*>(lock.get())->*member));
+}
+
 template <class B, class A, class V>
 bool set(const Element& h, A B::*member, const V& v, bool notify)
 {
@@ -179,7 +189,7 @@ QWeakPointer<Base::Element> checked(const Element& h)
     template <class H = T>                                                                     \
     H m() const                                                                                \
     {                                                                                          \
-        return Access::get(*this, &Base_element::m);                                           \
+        return Access::get_as<H>(*this, &Base_element::m);                                     \
     }                                                                                          \
     template <class H = T>                                                                     \
     bool set_##m(const H& target) const                                                        \
