@@ -50,9 +50,17 @@ inline QString source_dir() { return qEnvironmentVariable("KTD_SOURCE_DIR"); }
     if (var.isEmpty())                                                                        \
         QSKIP("reference data not found: set KTD_SHARED_DIR to the folder beside this clone")
 
+#include <QCoreApplication>
 #include <QTemporaryFile>
 #include <cstdio>
 #include <unistd.h>
+
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#include <sanitizer/tsan_interface.h>
+#define KTD_TEST_TSAN 1
+#endif
+#endif
 
 namespace Ktd_test {
 
@@ -88,6 +96,22 @@ private:
     int m_fd;
     int m_saved = -1;
     QTemporaryFile m_file;
+};
+
+// The application of tests whose receivers live on other threads. Under ThreadSanitizer a posted
+// event changes hands through Qt's uninstrumented queue: postEvent releases on the event
+// (cmake/sanitizers/qt_tsan_annotations.cpp) and delivery acquires it here.
+class Application : public QCoreApplication
+{
+public:
+    Application(int& argc, char** argv) : QCoreApplication(argc, argv) {}
+    bool notify(QObject* receiver, QEvent* event) override
+    {
+#ifdef KTD_TEST_TSAN
+        __tsan_acquire(event);
+#endif
+        return QCoreApplication::notify(receiver, event);
+    }
 };
 
 } // namespace Ktd_test

@@ -10,6 +10,7 @@
 // not redirected (Qt binds its own symbols), which is what tsan.supp covers.
 //
 // Owns nothing; every function may be called from any thread, as the Qt function it stands for.
+#include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QMutex>
 #include <QReadWriteLock>
@@ -265,4 +266,15 @@ bool QThread::isFinished() const
     if (done)
         acquire(this);
     return done;
+}
+
+// --- QCoreApplication::postEvent: the event changes hands through Qt's queue. The receiving side
+// acquires in the notify() of tests/test_support.h's Application, which tests with receivers on
+// other threads use ---
+
+void QCoreApplication::postEvent(QObject* receiver, QEvent* event, int priority)
+{
+    KTD_REAL(void (*)(QObject*, QEvent*, int), "_ZN16QCoreApplication9postEventEP7QObjectP6QEventi");
+    release(event);
+    real(receiver, event, priority);
 }
