@@ -3,6 +3,8 @@
 #include <taskdata/common/XML_interface.h>
 #include <taskdata/elements/base/Element.h>
 
+#include <platform/util/Signal_sender.h>
+
 #include <QDomElement>
 #include <QXmlStreamWriter>
 
@@ -113,6 +115,15 @@ bool Attribute::set_flags(const QSharedPointer<Element>& owner, flags_t f)
         return false;
     notify_updated(owner);
     return true;
+}
+
+void Attribute::emit_attribute_updated(Util::Signal_sender& sender) const
+{
+    const QByteArray prefix = signal_prefix();
+    if (!sender.connected(prefix, "value_changed"))
+        return;
+    const QVariant value = _get_qvariant();
+    sender.emit_signal(prefix, "value_changed", Q_ARG(QVariant, value));
 }
 
 void Attribute::notify_updated(const QSharedPointer<Element>& owner)

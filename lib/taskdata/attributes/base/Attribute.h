@@ -21,6 +21,10 @@
 class QDomElement;
 class QXmlStreamWriter;
 
+namespace Util {
+class Signal_sender;
+}
+
 namespace TC {
 namespace Task_data {
 
@@ -164,6 +168,9 @@ public:
     QString xml_name() const { return base_spec().xml_name(); }
     // The prefix under which the attribute's own named signals are connected: its XML name.
     QByteArray signal_prefix() const { return QByteArray(base_spec().name); }
+    // The per-attribute notification of a change: "value_changed(QVariant)" with the new value
+    // under the prefix, when something is connected to it.
+    void emit_attribute_updated(Util::Signal_sender& sender) const;
 
 protected:
     // Sets present and empty from a text being read; answers whether either changed.

@@ -58,11 +58,7 @@ void emit_updated(Util::Signal_sender& signals_of, const QSharedPointer<Base::El
     const QByteArray prefix = attribute->signal_prefix();
     signals_of.emit_signal(QByteArray(), "updated", Q_ARG(TC::Task_data::Attributes::Client::Attribute, a));
     signals_of.emit_signal(prefix, "updated", Q_ARG(TC::Task_data::Attributes::Client::Attribute, a));
-    // The per-attribute notification: the new value, for editors bound to one attribute.
-    if (signals_of.connected(prefix, "value_changed")) {
-        const QVariant value = attribute->get_qvariant();
-        signals_of.emit_signal(prefix, "value_changed", Q_ARG(QVariant, value));
-    }
+    attribute->emit_attribute_updated(signals_of);
 }
 
 const Base::Event_hooks hooks = {
