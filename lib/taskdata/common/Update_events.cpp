@@ -7,7 +7,7 @@ namespace Task_data {
 
 namespace {
 // One function-local static per kind: registered on first use, under the runtime's guard.
-template <Event_slot S>
+template <int S>
 QEvent::Type type_of()
 {
     static const QEvent::Type type = QEvent::Type(QEvent::registerEventType(21572));
@@ -15,24 +15,11 @@ QEvent::Type type_of()
 }
 } // namespace
 
-QEvent::Type registered_event_type(Event_slot slot)
+QEvent::Type registered_event_type(int slot)
 {
-    switch (slot) {
-    case slot_attribute_update:
-        return type_of<slot_attribute_update>();
-    case slot_child_added:
-        return type_of<slot_child_added>();
-    case slot_child_removed:
-        return type_of<slot_child_removed>();
-    case slot_binary_appended:
-        return type_of<slot_binary_appended>();
-    case slot_binary_modified:
-        return type_of<slot_binary_modified>();
-    case slot_flush:
-    case num_event_slots:
-        break;
-    }
-    return type_of<slot_flush>();
+    static QEvent::Type (*const types[])() = {type_of<0>, type_of<1>, type_of<2>, type_of<3>, type_of<4>, type_of<5>};
+    static_assert(sizeof(types) / sizeof(types[0]) == flush_event_slot + 1, "one type per update type and the flush");
+    return types[qBound(0, slot, flush_event_slot)]();
 }
 
 bool post_flush_and_wait(QObject* receiver)
@@ -56,12 +43,12 @@ namespace Client {
 Event_sender::~Event_sender() = default;
 
 Event_types_ids::Event_types_ids()
-    : attribute_update(registered_event_type(slot_attribute_update)),
-      child_added(registered_event_type(slot_child_added)),
-      child_removed(registered_event_type(slot_child_removed)),
-      binary_appended(registered_event_type(slot_binary_appended)),
-      binary_modified(registered_event_type(slot_binary_modified)),
-      flush(registered_event_type(slot_flush))
+    : attribute_update(registered_event_type(attribute_updated)),
+      child_added(registered_event_type(Task_data::child_added)),
+      child_removed(registered_event_type(Task_data::child_removed)),
+      binary_appended(registered_event_type(Task_data::binary_appended)),
+      binary_modified(registered_event_type(Task_data::binary_modified)),
+      flush(registered_event_type(flush_event_slot))
 {
 }
 

@@ -32,21 +32,11 @@ enum Update_type : int {
     binary_modified = 4,
 };
 
-// Which registered event type a payload travels under (the order of Event_types_ids).
-enum Event_slot : int {
-    slot_attribute_update = 0,
-    slot_child_added = 1,
-    slot_child_removed = 2,
-    slot_binary_appended = 3,
-    slot_binary_modified = 4,
-    slot_flush = 5,
-    num_event_slots = 6,
-};
+// Each update type travels under an event type of its own, the flush under one more (the
+// order of Event_types_ids).
+constexpr int flush_event_slot = binary_modified + 1;
 
-// The QEvent::Type of a slot: registered with the hint 21572 on first use (so the first kind
-// used gets 21572 and every other kind another free number). One exported function for every
-// payload instantiation, so the library and the application see the same numbers.
-KTD_EXPORT QEvent::Type registered_event_type(Event_slot slot);
+KTD_EXPORT QEvent::Type registered_event_type(int slot);
 
 template <class E>
 struct Update_event
@@ -58,7 +48,7 @@ struct Update_event
 template <class E, class A>
 struct Attribute_update_event : Update_event<E>
 {
-    static constexpr Event_slot event_slot = slot_attribute_update;
+    static constexpr int event_slot = attribute_updated;
     // Null (an empty handle) when several attributes changed at once, as when an element is
     // read again from a file.
     A attribute;
@@ -69,7 +59,7 @@ template <Update_type T, class E, class L>
 struct Child_update_event : Update_event<E>
 {
     static_assert(T == child_added || T == child_removed, "a child event is an add or a removal");
-    static constexpr Event_slot event_slot = Event_slot(T);
+    static constexpr int event_slot = T;
     L list;
     qint32 index; // position of the child added, or that the removed child had
     Child_update_event(E e, L l, qint32 i) : Update_event<E>{T, std::move(e)}, list(std::move(l)), index(i) {}
@@ -79,7 +69,7 @@ template <Update_type T, class E>
 struct Typed_update_event : Update_event<E>
 {
     static_assert(T == binary_appended || T == binary_modified, "a typed event is about binary data");
-    static constexpr Event_slot event_slot = Event_slot(T);
+    static constexpr int event_slot = T;
     explicit Typed_update_event(E e) : Update_event<E>{T, std::move(e)} {}
 };
 
@@ -87,7 +77,7 @@ struct Typed_update_event : Update_event<E>
 // Posted below normal priority, so every update already queued for the receiver comes first.
 struct Flush_event
 {
-    static constexpr Event_slot event_slot = slot_flush;
+    static constexpr int event_slot = flush_event_slot;
     QSemaphore& semaphore; // owned by the thread that waits for the flush
     void handle() const { semaphore.release(); }
 };
