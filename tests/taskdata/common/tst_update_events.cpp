@@ -48,6 +48,9 @@ public:
         } else if (e->type() == ids.binary_appended) {
             const auto& p = static_cast<C::Binary_appended_qt_event*>(e)->payload();
             m_log->append({m_name, p.type, p.element, QString(), -1});
+        } else if (e->type() == ids.binary_modified) {
+            const auto& p = static_cast<C::Binary_modified_qt_event*>(e)->payload();
+            m_log->append({m_name, p.type, p.element, QString(), -1});
         } else if (e->type() == ids.flush) {
             if (first_flush_after < 0)
                 first_flush_after = m_log->size();
@@ -230,6 +233,7 @@ void Tst_update_events::payload_describes_the_change_data()
     QTest::newRow("child added") << int(child_added) << "PNT" << 1;
     QTest::newRow("child removed") << int(child_removed) << "PNT" << 0;
     QTest::newRow("binary appended") << int(binary_appended) << "" << -1;
+    QTest::newRow("binary modified") << int(binary_modified) << "" << -1;
 }
 
 void Tst_update_events::payload_describes_the_change()
@@ -257,6 +261,13 @@ void Tst_update_events::payload_describes_the_change()
     case child_removed:
         QVERIFY(t.ring.remove_points(t.point));
         break;
+    case binary_modified: {
+        expected_element = t.point;
+        Base::Element_locker_new lock(t.point, -1);
+        static_cast<Base::Point*>(lock.get())->make_binary_points();
+        static_cast<Base::Point*>(lock.get())->binary_points_changed();
+        break;
+    }
     default:
         expected_element = log;
         {

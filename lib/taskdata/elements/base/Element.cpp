@@ -796,9 +796,17 @@ void Element::notify_updated(const Base_attribute_update& event)
         h->post_attribute(event);
 }
 
-void Element::notify_changed(unsigned)
+void Element::notify_changed(unsigned update_type)
 {
-    notify_updated(Base_attribute_update(get_sp(), nullptr));
+    const QSharedPointer<Element> self = get_sp();
+    if (update_type != binary_modified) {
+        notify_updated(Base_attribute_update(self, nullptr));
+        return;
+    }
+    if (!_notify_updated(self, nullptr))
+        return;
+    if (const Event_hooks* h = event_hooks())
+        h->post_binary_modified(Base_typed_update<binary_modified>(self));
 }
 
 void Element::notify_child(const QSharedPointer<Element>& self, Element_list* list, int index, Update_type type)

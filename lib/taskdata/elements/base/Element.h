@@ -92,6 +92,7 @@ struct Event_hooks
     void (*post_child_added)(const Base_child_update<child_added>&);
     void (*post_child_removed)(const Base_child_update<child_removed>&);
     void (*post_binary_appended)(const Base_typed_update<binary_appended>&);
+    void (*post_binary_modified)(const Base_typed_update<binary_modified>&);
     // Emits "updated" for `element` (and, with an attribute, for the attribute) on `sender`.
     void (*emit_updated)(Util::Signal_sender& sender, const QSharedPointer<Element>& element,
                          Attributes::Base::Attribute* attribute);
@@ -273,6 +274,8 @@ public:
     // The same for `attribute` of this element (null: several attributes at once), unless a
     // read or a quiet change of this element is in progress on this thread.
     void notify_attribute_updated(const QSharedPointer<Element>& self, Attribute* attribute);
+    // A change that is not one attribute's: binary_modified (binary data rewritten, which a save
+    // writes) posts its own event; any other type posts an attribute update without attribute.
     void notify_changed(unsigned update_type);
     // Entry of a child added to or removed from `list` (a list of this element) at `index`.
     void notify_child(const QSharedPointer<Element>& self, Element_list* list, int index, Update_type type);

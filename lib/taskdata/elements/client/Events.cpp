@@ -34,6 +34,11 @@ Client::Binary_appended_update from_base(const Base_typed_update<binary_appended
     return Client::Binary_appended_update(Client::Element(e.element.toWeakRef()));
 }
 
+Client::Binary_modified_update from_base(const Base_typed_update<binary_modified>& e)
+{
+    return Client::Binary_modified_update(Client::Element(e.element.toWeakRef()));
+}
+
 } // namespace Base
 
 namespace {
@@ -66,6 +71,7 @@ const Base::Event_hooks hooks = {
     &post<Base::Base_child_update<child_added>>,
     &post<Base::Base_child_update<child_removed>>,
     &post<Base::Base_typed_update<binary_appended>>,
+    &post<Base::Base_typed_update<binary_modified>>,
     &emit_updated,
 };
 

@@ -46,6 +46,7 @@ KTD_EXPORT Client::Attribute_update from_base(const Base_attribute_update& e);
 KTD_EXPORT Client::Child_added_update from_base(const Base_child_update<child_added>& e);
 KTD_EXPORT Client::Child_removed_update from_base(const Base_child_update<child_removed>& e);
 KTD_EXPORT Client::Binary_appended_update from_base(const Base_typed_update<binary_appended>& e);
+KTD_EXPORT Client::Binary_modified_update from_base(const Base_typed_update<binary_modified>& e);
 
 } // namespace Base
 } // namespace Elements
