@@ -182,6 +182,8 @@ private slots:
     void noevent_setters_send_nothing_data();
     void noevent_setters_send_nothing();
     void direct_signals();
+    void edits_inside_a_change_data();
+    void edits_inside_a_change();
     void timelog_write_announced();
     void type_numbers_whatever_the_order_data();
     void type_numbers_whatever_the_order();
@@ -464,18 +466,26 @@ public:
     QStringList calls;
     QVector<C::Element> elements;
     QVector<TC::Task_data::Attributes::Client::Attribute> attributes;
+    std::function<void()> edit; // run by the element and value slots, inside the change
 public slots:
     void element_updated(TC::Task_data::Elements::Client::Element e)
     {
         calls << "element";
         elements << e;
+        if (edit)
+            edit();
     }
     void attribute_updated(TC::Task_data::Attributes::Client::Attribute a)
     {
         calls << "attribute";
         attributes << a;
     }
-    void value_changed(QVariant v) { calls << "value " + v.toString(); }
+    void value_changed(QVariant v)
+    {
+        calls << "value " + v.toString();
+        if (edit)
+            edit();
+    }
     void written(int32_t records, uint32_t bytes) { calls << QString("write %1 %2").arg(records).arg(bytes); }
 };
 
@@ -499,6 +509,48 @@ void Tst_update_events::direct_signals()
     QVERIFY(t.root.disconnect(SIGNAL(updated(TC::Task_data::Elements::Client::Element)), &s));
     QVERIFY(t.point.set_east(7.0));
     QCOMPARE(s.calls, (QStringList{"attribute", "value 7"}));
+}
+
+// Everything here runs on one thread that already holds the changed element's lock (and, in the
+// copy, the source's): the element lock must let that thread in again.
+void Tst_update_events::edits_inside_a_change_data()
+{
+    QTest::addColumn<QString>("how");
+    QTest::newRow("value slot edits the same element") << "value slot";
+    QTest::newRow("updated slot edits an ancestor") << "ancestor slot";
+    QTest::newRow("operations under the caller's lock") << "caller lock";
+    QTest::newRow("copy locks both through set") << "copy";
+}
+
+void Tst_update_events::edits_inside_a_change()
+{
+    QFETCH(QString, how);
+    Tree t;
+    Slot_counter s;
+    const quint64 counter = t.eman.get_eman_real()->change_counter();
+    if (how == "value slot") {
+        s.edit = [&t] { t.point.set_north(1.5); };
+        QVERIFY(t.point.east_attribute().connect(SIGNAL(value_changed(QVariant)), &s, SLOT(value_changed(QVariant))));
+        QVERIFY(t.point.set_east(7.5));
+    } else if (how == "ancestor slot") {
+        s.edit = [&t] { t.field.set_designator("edited"); };
+        QVERIFY(t.field.connect(SIGNAL(updated(TC::Task_data::Elements::Client::Element)), &s,
+                                SLOT(element_updated(TC::Task_data::Elements::Client::Element))));
+        QVERIFY(t.point.set_east(7.5));
+        QCOMPARE(t.field.designator(), QString("edited"));
+    } else if (how == "caller lock") {
+        Base::Element_locker_new lock(t.point, -1);
+        QVERIFY(t.point.set_east(7.5) && t.point.set_north(1.5));
+    } else {
+        C::Point source = t.ring.create_point();
+        QVERIFY(source.set_east(7.5) && source.set_north(1.5));
+        QVERIFY(t.point.copy(source, t.eman, false));
+        QCOMPARE(t.point.east(), 7.5);
+        return;
+    }
+    QCOMPARE(t.eman.get_eman_real()->change_counter(), counter + 2);
+    if (how != "ancestor slot")
+        QCOMPARE(t.point.north(), 1.5);
 }
 
 void Tst_update_events::timelog_write_announced()

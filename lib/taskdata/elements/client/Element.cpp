@@ -52,13 +52,32 @@ R on_attribute(Base::Element* e, unsigned index, R empty, F&& f)
     return a ? f(a) : empty;
 }
 
-QString name_of(Base::Element* e)
+// Runs f(element) with the element and its parent locked, the parent first (the lock order),
+// for what reads the parent's list: the element's position. `empty` when the element is gone or
+// its parent's lock cannot be had (a lock out of order held by this thread).
+template <class R, class F>
+R with_parent(const Strong& self, R empty, F&& f)
 {
-    const QString id = e->get_id_string();
-    if (!id.isEmpty())
-        return id;
+    if (!self)
+        return empty;
+    for (;;) {
+        const Strong parent = self->parent_sp();
+        const Base::Element_locker_new parent_lock(parent, -1);
+        if (parent && !parent_lock)
+            return empty;
+        const Base::Element_locker_new lock(self, -1);
+        // Moved to another parent meanwhile (then it is no longer below the one held): again.
+        if (self->parent_sp() != parent)
+            continue;
+        return lock ? f(self.data()) : empty;
+    }
+}
+
+// An element's position in its parent's list, -1 without one. Both are locked by the caller.
+int position_of(Base::Element* e)
+{
     Base::Element_list* list = e->parent_list();
-    return list ? QStringLiteral("%1[%2]").arg(e->get_tag()).arg(list->index_of(e) + 1) : e->get_tag();
+    return list ? list->index_of(e) : -1;
 }
 } // namespace
 
@@ -76,17 +95,35 @@ QString Element::get_uid() const
 
 QString Element::get_full_id() const
 {
-    // Ancestors are read without their locks: only their names, which a path needs.
-    return with(QString(), [](Base::Element* e, const Strong&) {
-        QString path = name_of(e);
-        for (Base::Element* p = e->parent_element(); p && e->get_id_string().isEmpty() && p->parent_element();
-             p = p->parent_element()) {
-            path = name_of(p) + QLatin1Char('/') + path;
-            if (!p->get_id_string().isEmpty())
-                break;
-        }
-        return path;
-    });
+    // One step at a time, each element with its parent (the lock order), never the whole chain
+    // at once: the element, then ancestors until one with an identifier or the root.
+    QString path;
+    for (Strong e = get_base_elem(); e;) {
+        struct Step
+        {
+            QString name;
+            Strong parent;
+            bool last = true;
+        };
+        const Step step = with_parent(e, Step(), [](Base::Element* x) {
+            const Strong parent = x->parent_sp();
+            const QString id = x->get_id_string();
+            const int at = position_of(x);
+            Step s{id.isEmpty() && at >= 0 ? QStringLiteral("%1[%2]").arg(x->get_tag()).arg(at + 1)
+                                           : id.isEmpty() ? x->get_tag() : id,
+                   parent, !id.isEmpty() || !parent};
+            return s;
+        });
+        if (step.name.isEmpty())
+            break; // gone meanwhile: the path found so far
+        if (!path.isEmpty() && !step.parent)
+            break; // the root is not part of a path
+        path = path.isEmpty() ? step.name : step.name + QLatin1Char('/') + path;
+        if (step.last)
+            break;
+        e = step.parent;
+    }
+    return path;
 }
 
 QString Element::get_tag() const
@@ -144,14 +181,15 @@ QString Element::designator() const
 
 QString Element::generate_default_designator() const
 {
-    return with(QString(), [](Base::Element* e, const Strong& self) {
+    const Strong self = get_base_elem();
+    return with_parent(self, QString(), [&self](Base::Element* e) {
         Attributes::Base::String* d = e->ptr_designator();
         if (!d)
             return QString();
         if (d->get_string().isEmpty()) {
             int n = qAbs(e->get_id());
-            if (n == 0 && e->parent_list())
-                n = e->parent_list()->index_of(e) + 1;
+            if (n == 0)
+                n = position_of(e) + 1;
             d->set_string(self, QStringLiteral("%1 %2").arg(e->get_tr_name(1)).arg(n));
         }
         return d->get_string();
@@ -323,10 +361,7 @@ bool Element::add(const QString& name, const QString& text) const
 
 Element Element::get_parent() const
 {
-    return with(Element(), [](Base::Element* e, const Strong&) {
-        Base::Element* p = e->parent_element();
-        return p ? Element(p->get_sp()) : Element();
-    });
+    return with(Element(), [](Base::Element* e, const Strong&) { return Element(e->parent_sp()); });
 }
 
 Element Element::get_root() const
@@ -337,18 +372,15 @@ Element Element::get_root() const
 Element_list Element::parent_list() const
 {
     return with(Element_list(), [](Base::Element* e, const Strong&) {
-        Base::Element* p = e->parent_element();
+        const Strong p = e->parent_sp();
         Base::Element_list* l = e->parent_list();
-        return p && l ? Element_list(p->get_sp(), l) : Element_list();
+        return p && l ? Element_list(p, l) : Element_list();
     });
 }
 
 int Element::index_in_parent() const
 {
-    return with(-1, [](Base::Element* e, const Strong&) {
-        Base::Element_list* l = e->parent_list();
-        return l ? l->index_of(e) : -1;
-    });
+    return with_parent(get_base_elem(), -1, &position_of);
 }
 
 int Element::index_of_child(const Element* child) const
@@ -439,17 +471,16 @@ bool Element::copy(const Element& source, const Element_man& man, bool recurse, 
                    QMap<QUuid, QUuid> guid_map) const
 {
     const Strong src = source.get_base_elem();
-    Strong dst = get_base_elem();
-    if (!src || !dst || src == dst || (man.valid() && dst->man() != man.get_eman_real()))
+    if (!src)
         return false;
-    // Two element locks: taken in address order, so that two copies in opposite directions
-    // cannot wait for each other.
-    const bool src_first = src.data() < dst.data();
-    Base::Element_locker_new first(src_first ? src : dst, -1);
-    Base::Element_locker_new second(src_first ? dst : src, -1);
-    if (!first || !second)
-        return false;
-    return dst->set(dst, src.data(), recurse, true, guid_map, {}, copy_ids);
+    // The source is locked by set() after this element, in the lock order: only tried when it
+    // is not below this element, so a busy source refuses the copy.
+    return with(false, [&](Base::Element* e, const Strong& self) {
+        if (src == self || (man.valid() && e->man() != man.get_eman_real()))
+            return false;
+        Strong dst = self;
+        return e->set(dst, src.data(), recurse, true, guid_map, {}, copy_ids);
+    });
 }
 
 bool Element::kill() const

@@ -110,11 +110,10 @@ Element Element_list::copy_child(const Element& child, bool recurse, bool keep_i
     return with(Element(), [&](Base::Element_list* l, const Strong& owner) {
         if (full(l, owner) || !l->accepts(src.data()))
             return Element();
-        // The source is a child of this (locked) element or an element of its own lock: taken
-        // only when it is not already held through the owner.
-        const bool own_child = src->parent_element() == owner.data();
-        Base::Element_locker_new source_lock(own_child ? Strong() : src, -1);
-        if (!own_child && !source_lock)
+        // Held before the copy is added, so that a busy source (one out of the lock order, not
+        // below the owner) refuses the copy instead of leaving an empty element behind.
+        const Base::Element_locker_new source_lock(src, -1);
+        if (!source_lock)
             return Element();
         Strong copy = l->create_element(owner->weak_man());
         if (!copy || !l->add(copy, -1, notify))

@@ -281,6 +281,17 @@ void Tst_client_handles::identity_and_lookup()
     QVERIFY(!f.eman.find_element<C::Partfield>(17).valid());
     QCOMPARE(std::get<C::Time>(f.live).find_element<C::Task>(17), task);
 
+    // Paths run up to the nearest ancestor with an identifier, positions counted from 1.
+    const C::Partfield field = f.root.create_partfield();
+    const C::Polygon polygon = field.create_polygon();
+    polygon.create_line_string();
+    const C::Point point = polygon.create_line_string().create_point();
+    QCOMPARE(point.get_full_id(), field.get_uid() + "/PLN[1]/LSG[2]/PNT[1]");
+    QCOMPARE(point.index_in_parent(), 0);
+    QCOMPARE(C::Element(point.get_parent()).index_in_parent(), 1);
+    QCOMPARE(task.get_full_id(), task.get_uid());
+    QCOMPARE(f.root.get_full_id(), f.root.get_tag());
+
     QVERIFY(f.root.set_current_task(task));
     QCOMPARE(f.root.current_task(), task);
     QVERIFY(task.kill());
