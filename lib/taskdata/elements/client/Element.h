@@ -2,9 +2,12 @@
 //
 // A handle holds a weak reference only: copying it is cheap, it may be passed between threads
 // and kept after the element is gone. Every operation promotes the reference, takes the
-// element's data lock for its own duration (waiting without limit) and answers the empty result
-// (an empty handle, 0, empty text, false) when the element no longer exists; a setter on a gone
-// element changes nothing. A sequence of operations is not atomic: take an Element_locker_new
+// element's data lock for its own duration and answers the empty result (an empty handle, 0,
+// empty text, false) when the element no longer exists; a setter on a gone element changes
+// nothing. The lock follows the order in base/Element.h: it waits without limit when this
+// thread holds no element lock or only ancestors', lets a thread that holds it in again (a slot
+// that edits inside a change, one operation inside another), and out of that order is taken
+// only when free (the operation answers the empty result otherwise). A sequence of operations is not atomic: take an Element_locker_new
 // on the handle around them when several values must agree.
 // Results that are elements are handles again (of the right kind through the per-kind classes
 // in Elements.h), never raw pointers. Threads: any.
