@@ -10,7 +10,9 @@
 #include <QThread>
 #include <QtTest>
 
+#include <chrono>
 #include <functional>
+#include <memory>
 
 using namespace TC::Task_data;
 using namespace TC::Task_data::Elements;
@@ -326,19 +328,27 @@ void Tst_update_events::registrations_from_threads_all_kept()
 {
     Tree t;
     const bool sanitizer = qEnvironmentVariableIsSet("TSAN_OPTIONS") || qEnvironmentVariableIsSet("ASAN_OPTIONS");
-    const int elements = 20;
-    const int per_element = sanitizer ? 100 : 500;
+    const int elements = sanitizer ? 2000 : 50000;
+    const int per_element = 1;
     QVector<QSharedPointer<Base::Element>> points;
     for (int i = 0; i < elements; ++i)
         points.append(t.ring.create_point().get_base_elem());
     QObject receivers[2];
+    // Both threads start on each element at one moment: the second to arrive sets a start a few
+    // microseconds ahead on the clock, and both spin until it (leaving a barrier together by
+    // watching a counter would let the last to arrive run ahead by a cache transfer, longer than
+    // the moment in which two threads can both find the store missing).
     std::atomic<int> arrived{0};
+    const std::unique_ptr<std::atomic<qint64>[]> start(new std::atomic<qint64>[size_t(elements)]());
+    const auto now = [] { return std::chrono::steady_clock::now().time_since_epoch().count(); };
     auto work = [&](QObject* receiver) {
         for (int k = 0; k < elements; ++k) {
-            // Both threads start on each element together.
-            arrived.fetch_add(1);
-            while (arrived.load() < 2 * (k + 1))
-                QThread::yieldCurrentThread();
+            std::atomic<qint64>& at = start[k];
+            if (arrived.fetch_add(1) % 2 == 1)
+                at.store(now() + 3000);
+            for (int spins = 1; at.load() == 0 || now() < at.load(); ++spins)
+                if (spins % 4096 == 0)
+                    QThread::yieldCurrentThread(); // the other thread may wait for a core
             for (int i = 0; i < per_element; ++i)
                 points.at(k)->register_for_events(points.at(k), receiver);
         }
