@@ -14,7 +14,7 @@ void Time_log::notify_timelog_write(int records, unsigned int bytes)
     if (!self)
         return;
     notify_binary_appended(self);
-    Element* task = parent_element();
+    const QSharedPointer<Element> task = parent_sp();
     Util::Signal_sender* named = task ? task->connected_signals() : nullptr;
     if (!named)
         return;
