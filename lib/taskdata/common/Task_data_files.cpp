@@ -37,45 +37,11 @@ using Elements::Base::Element;
 using Elements::Base::Element_list;
 using Elements::Base::Element_man;
 
-namespace Files_detail {
-// What outlives one run, kept with the manager: elements of an external file are merged into the
-// root's lists, and only this record lets a save put them back into their file instead of
-// writing them twice (inline and through the reference).
-struct Document_state
-{
-    int format_version = 0;
-    // The identifiers of the GUID list read with the document; empty when it had none.
-    QSet<QPair<QString, int>> guid_list;
-    QVector<QPair<QWeakPointer<Element>, QString>> origins; // top-level element, XFR file name
-};
-} // namespace Files_detail
-} // namespace Task_data
-} // namespace TC
-
-Q_DECLARE_METATYPE(QSharedPointer<TC::Task_data::Files_detail::Document_state>)
-
-namespace TC {
-namespace Task_data {
-
-using Files_detail::Document_state;
+using Document_state = Element_man::Document_origin;
 
 namespace {
 
-const char* const state_property = "ktd_task_data_files";
-
 QString tr(const char* text) { return QCoreApplication::translate("XML_interface", text); }
-
-QSharedPointer<Document_state> state_of(const QSharedPointer<Element_man>& man, bool create)
-{
-    if (!man)
-        return QSharedPointer<Document_state>();
-    auto s = man->property(state_property).value<QSharedPointer<Document_state>>();
-    if (!s && create) {
-        s = QSharedPointer<Document_state>::create();
-        man->setProperty(state_property, QVariant::fromValue(s));
-    }
-    return s;
-}
 
 bool tag_is(const Element* e, const char* tag) { return std::strcmp(e->kind().tag, tag) == 0; }
 
@@ -209,7 +175,7 @@ bool Reader::read_children(R& r, const QString& path, const QString& external)
                 continue;
             const QSharedPointer<Element> e = index < before ? list->at(index) : list->at(list->count() - 1);
             if (!external.isEmpty())
-                state.origins.append(qMakePair(e.toWeakRef(), external));
+                state.external.append(qMakePair(e.toWeakRef(), external));
             else if (name == xfr_tag && !read_external(e))
                 return false;
             continue;
@@ -341,8 +307,7 @@ bool read_guid_list_from(XML_interface& xi, const QSharedPointer<Element_man>& m
             continue;
         }
         man->register_uid_for_guid(prefix, n, guid);
-        if (const QSharedPointer<Document_state> state = state_of(man, false))
-            state->guid_list.insert(qMakePair(prefix, n));
+        man->edit_document_origin([&](Document_state& s) { s.guid_list.insert(qMakePair(prefix, n)); });
     }
     if (r.hasError()) {
         r.fail(xi, path);
@@ -414,17 +379,17 @@ bool read_document(XML_interface& xi, const QSharedPointer<Element_man>& man, co
         xi.set_fail(tr("The manager's root is not a task data root"));
         return false;
     }
-    const QSharedPointer<Document_state> state = state_of(man, true);
-    state->format_version = version;
-    state->origins.clear();
-    state->guid_list.clear();
+    Document_state state;
+    state.format_version = version;
+    man->set_document_origin(state);
 
     xi.set_cur_infilepath(main_path);
     bool ok = root->load_xml_from(root, r, xi, Elements::Base::xml_part_attributes);
     if (ok) {
-        Reader reader{xi, root, *state, {}};
+        Reader reader{xi, root, state, {}};
         ok = reader.read_children(r, main_path, QString());
     }
+    man->set_document_origin(state);
     xi.set_cur_infilepath(QString());
     if (!ok)
         return false;
@@ -475,6 +440,8 @@ struct Writer
     int version;
     QString source_dir; // where the tree was read from
     QHash<const Element*, QString> external_of; // top-level elements that go to an external file
+    // When set, documents are collected here (name, content) instead of being written.
+    QVector<QPair<QString, QByteArray>>* collect = nullptr;
 
     bool write_main(QByteArray& out);
     bool write_external_files(QSet<QString>& written);
@@ -501,6 +468,10 @@ bool Writer::write_document(const QString& name, const Body& body)
         w.writeEndDocument();
         if (w.hasError())
             xi.set_fail(tr("Write error on %1").arg(xi.outfilepath(name)));
+    }
+    if (collect && xi.ok()) {
+        collect->append(qMakePair(name, data));
+        return true;
     }
     return xi.ok() && write_whole(xi, name, data);
 }
@@ -631,8 +602,7 @@ bool Writer::write_guid_list(const QSharedPointer<Element_man>& man)
     QVector<Element_man::Guid_entry> entries = man->guid_entries();
     if (xi.guid_list_as_read()) {
         // Only what the document came with: new random GUIDs would make two saves differ.
-        const QSharedPointer<Document_state> state = state_of(man, false);
-        const QSet<QPair<QString, int>> read = state ? state->guid_list : QSet<QPair<QString, int>>();
+        const QSet<QPair<QString, int>> read = man->document_origin().guid_list;
         entries.erase(std::remove_if(entries.begin(), entries.end(),
                                      [&](const Element_man::Guid_entry& e) {
                                          return !read.contains(qMakePair(e.prefix, e.n));
@@ -743,6 +713,24 @@ bool copy_referenced_files(XML_interface& xi, const QSharedPointer<Element>& roo
     return true;
 }
 
+// Top-level elements read from an external file that the root still refers to: they go back
+// into that file.
+QHash<const Element*, QString> external_members(const QSharedPointer<Element_man>& man,
+                                                const QSharedPointer<Element>& root)
+{
+    QHash<const Element*, QString> out;
+    QSet<QString> references;
+    if (Element_list* list = root->find_list(xfr_tag))
+        for (const auto& ref : list->elements())
+            references.insert(static_cast<Elements::Base::External_file_reference*>(ref.data())->filename.get_string());
+    for (const auto& o : man->document_origin().external) {
+        const QSharedPointer<Element> e = o.first.toStrongRef();
+        if (e && e->parent_element() == root.data() && references.contains(o.second))
+            out.insert(e.data(), o.second);
+    }
+    return out;
+}
+
 } // namespace
 
 // --- public ---
@@ -850,9 +838,9 @@ QSharedPointer<Elements::Base::Task_data> Task_data_files::create_document(const
     // Made on the terminal: the data goes from the machine to farm software.
     root->data_xfer_origin.set_val(self, 2);
     man->set_root(root);
-    const QSharedPointer<Document_state> state = state_of(man, true);
-    state->format_version = format_version;
-    state->origins.clear();
+    Document_state state;
+    state.format_version = format_version;
+    man->set_document_origin(state);
     return root;
 }
 
@@ -869,16 +857,14 @@ int Task_data_files::version_to_write(const XML_interface& xi, const QSharedPoin
 
 int Task_data_files::document_format_version(const QSharedPointer<Element_man>& man)
 {
-    const QSharedPointer<Document_state> state = state_of(man, false);
-    return state ? state->format_version : 0;
+    return man ? man->document_origin().format_version : 0;
 }
 
 QString Task_data_files::external_origin(const QSharedPointer<Element_man>& man, const Element* element)
 {
-    const QSharedPointer<Document_state> state = state_of(man, false);
-    if (!state || !element)
+    if (!man || !element)
         return QString();
-    for (const auto& o : state->origins)
+    for (const auto& o : man->document_origin().external)
         if (o.first.toStrongRef().data() == element)
             return o.second;
     return QString();
@@ -925,6 +911,71 @@ bool Task_data_files::load(XML_interface& xi, const QSharedPointer<Element_man>&
     if (!opened)
         xi.set_fail(tr("Could not open %1").arg(main_path));
     return finish(ok);
+}
+
+int Task_data_files::writing_version(XML_interface& xi, const QSharedPointer<Element_man>& man)
+{
+    const int version = version_to_write(xi, man);
+    if (!xi.format_version_set()) {
+        const int own = document_format_version(man);
+        if (own > 0 && version != own)
+            xi.add_warning(tr("The document of format version %1 holds content of version 4: written as version 4")
+                               .arg(own));
+        xi.m_format_version = version;
+    }
+    return version;
+}
+
+bool Task_data_files::main_files(XML_interface& xi, const QSharedPointer<Element_man>& man, Files& files)
+{
+    const QSharedPointer<Element> root = man ? man->root() : QSharedPointer<Element>();
+    if (!root) {
+        xi.set_fail(tr("No task data to save"));
+        return false;
+    }
+    Writer writer{xi, root, writing_version(xi, man), QString(), external_members(man, root), &files};
+    QByteArray main_data;
+    QSet<QString> written{guid_list_name};
+    if (!writer.write_main(main_data) || !writer.write_external_files(written) ||
+        (xi.keep_proprietary() && !writer.write_guid_list(man)))
+        return false;
+    files.append(qMakePair(output_name(xi, xi.main_outfilename()), main_data));
+    return true;
+}
+
+bool Task_data_files::link_list_file(XML_interface& xi, const QSharedPointer<Element_man>& man, Files& files)
+{
+    const QSharedPointer<Element> list = man ? man->link_list() : QSharedPointer<Element>();
+    if (!list)
+        return true;
+    Writer writer{xi, list, xi.format_version(), QString(), {}, &files};
+    return writer.write_link_list(list);
+}
+
+bool Task_data_files::write_files(XML_interface& xi, const Files& files)
+{
+    if (files.isEmpty())
+        return true;
+    Save_transaction transaction(xi.output_dir(), Save_transaction::In_place);
+    if (!transaction.begin(xi.lock_timeout())) {
+        xi.set_fail(transaction.error());
+        return false;
+    }
+    struct Joined
+    {
+        XML_interface& xi;
+        ~Joined() { xi.m_transaction = nullptr; }
+    } joined{xi};
+    xi.m_transaction = &transaction;
+    for (const auto& f : files)
+        if (!write_whole(xi, f.first, f.second))
+            return false;
+    if (!transaction.commit()) {
+        xi.set_fail(transaction.error());
+        return false;
+    }
+    xi.m_index.reset();
+    return true;
 }
 
 bool Task_data_files::save(XML_interface& xi, const QSharedPointer<Element_man>& man)
@@ -976,14 +1027,7 @@ bool Task_data_files::save(XML_interface& xi, const QSharedPointer<Element_man>&
     xi.m_transaction = &transaction;
     main_name = output_name(xi, main_name);
 
-    const int version = version_to_write(xi, man);
-    if (!xi.format_version_set()) {
-        const int own = document_format_version(man);
-        if (own > 0 && version != own)
-            xi.add_warning(tr("The document of format version %1 holds content of version 4: written as version 4")
-                               .arg(own));
-        xi.m_format_version = version;
-    }
+    const int version = writing_version(xi, man);
 
     // File names the format names otherwise are written so, for the elements and their files.
     struct Written_texts
@@ -992,18 +1036,7 @@ bool Task_data_files::save(XML_interface& xi, const QSharedPointer<Element_man>&
         ~Written_texts() { xi.set_written_texts({}); }
     } written_texts{xi};
     xi.set_written_texts(file_name_rewrites(root.data()));
-    Writer writer{xi, root, version, source_dir, {}};
-    QSet<QString> references;
-    if (Element_list* list = root->find_list(xfr_tag))
-        for (const auto& ref : list->elements())
-            references.insert(static_cast<Elements::Base::External_file_reference*>(ref.data())->filename.get_string());
-    if (const QSharedPointer<Document_state> state = state_of(man, false)) {
-        for (const auto& o : state->origins) {
-            const QSharedPointer<Element> e = o.first.toStrongRef();
-            if (e && e->parent_element() == root.data() && references.contains(o.second))
-                writer.external_of.insert(e.data(), o.second);
-        }
-    }
+    Writer writer{xi, root, version, source_dir, external_members(man, root)};
     QSet<QString> data_names{main_name.toUpper(), link_list_name, guid_list_name};
     for (const Referenced_file& f : referenced_files(root) + individual_files(xi, root))
         data_names.insert(f.name.toUpper());

@@ -11,6 +11,8 @@
 
 #include <taskdata/taskdata_export.h>
 
+#include <QByteArray>
+#include <QPair>
 #include <QSharedPointer>
 #include <QString>
 #include <QVector>
@@ -49,6 +51,17 @@ public:
     static bool load(XML_interface& xi, const QSharedPointer<Elements::Base::Element_man>& man);
     static bool save(XML_interface& xi, const QSharedPointer<Elements::Base::Element_man>& man);
 
+    // The autosave's writes, in two steps: the documents are made in memory (while the tree is
+    // held), then written in one all-or-nothing save of the output directory, in the order
+    // given (the directory locked meanwhile). Nothing is copied along.
+    using Files = QVector<QPair<QString, QByteArray>>; // file name, content
+    // "TASKDATA.XML" (last), its external files and "GUIDLIST.XML"; individually saved
+    // elements are written as references when the interface says so.
+    static bool main_files(XML_interface& xi, const QSharedPointer<Elements::Base::Element_man>& man, Files& files);
+    static bool link_list_file(XML_interface& xi, const QSharedPointer<Elements::Base::Element_man>& man,
+                               Files& files);
+    static bool write_files(XML_interface& xi, const Files& files);
+
     // Every file the tree under `root` refers to, in tree order, each name once: external files
     // ("<XFR A>.XML"), grids ("<GRD G>.BIN"), time logs ("<TLG A>.XML" and ".BIN"), binary
     // point files ("<PNT J>.BIN") and attached files ("<AFE A>").
@@ -68,6 +81,11 @@ public:
     // empty when it stands in the main document.
     static QString external_origin(const QSharedPointer<Elements::Base::Element_man>& man,
                                    const Elements::Base::Element* element);
+
+private:
+    // version_to_write(), which a save that chose none keeps on the interface (with a warning
+    // when it is not the document's own).
+    static int writing_version(XML_interface& xi, const QSharedPointer<Elements::Base::Element_man>& man);
 };
 
 } // namespace Task_data

@@ -4,6 +4,7 @@
 #include "Save_transaction.h"
 #include "Symlink_policy.h"
 #include "Task_data_files.h"
+#include "XML_interface_private.h"
 
 #include <taskdata/elements/base/Catalogue.h>
 #include <taskdata/elements/base/Element_man.h>
@@ -59,12 +60,10 @@ File_interface::~File_interface() = default;
 
 XML_interface::XML_interface(const QString& path, bool write_children, bool keep_proprietary, bool with_mutex,
                              bool track_files)
-    : m_main_outfilename(QStringLiteral("TASKDATA.XML"))
+    : m_main_outfilename(QStringLiteral("TASKDATA.XML")), m_private(new XML_interface_private(*this))
 {
     set(path, write_children, keep_proprietary, with_mutex, track_files);
 }
-
-XML_interface::~XML_interface() = default;
 
 void XML_interface::set(const QString& path, bool write_children, bool keep_proprietary, bool with_mutex,
                         bool track_files)
@@ -441,6 +440,7 @@ void XML_interface::notify_complete(bool ok)
 
 bool XML_interface::wait_for_complete(int timeout_ms)
 {
+    autosave_sync();
     const QDeadlineTimer deadline =
         timeout_ms < 0 ? QDeadlineTimer(QDeadlineTimer::Forever) : QDeadlineTimer(qint64(timeout_ms));
     QMutexLocker lock(&m_run_mutex);

@@ -32,12 +32,16 @@ namespace TC {
 namespace Task_data {
 
 class Save_transaction;
+class XML_interface_private;
 
 namespace Elements {
 namespace Base {
 class Element_man;
 class Task_data;
 } // namespace Base
+namespace Client {
+class Element_man;
+} // namespace Client
 } // namespace Elements
 
 // Where whole files of a directory go. The default writes each file atomically (see
@@ -54,6 +58,7 @@ public:
 class KTD_EXPORT XML_interface
 {
     friend class Task_data_files;
+    friend class XML_interface_private;
 
 public:
     // path: the task data directory (or the main file in it).
@@ -161,6 +166,30 @@ public:
     // What is being written now: 0 nothing, 1 the main file, 2 one element's own file.
     int partial_save_state() const { return m_partial_save_state.load(); }
     void set_partial_save_state(int state) { m_partial_save_state.store(state); }
+    // Set while the autosave writes the main file: individually saved elements are only
+    // referenced there, the autosave keeping their own files current as they change.
+    bool reference_individual_files() const { return m_reference_individual_files; }
+    void set_reference_individual_files(bool on) { m_reference_individual_files = on; }
+
+    // --- autosave ---
+    // Keeps the directory in step with the manager's tree: every change anywhere below the root
+    // is queued and, `delay_ms` after the first change of a burst, written (the element's own
+    // file for kinds saved individually, else "TASKDATA.XML" and "LINKLIST.XML"), each file
+    // replaced whole. With `background` the writing runs on the low-priority thread "XML
+    // Autosave" (started here; the call returns once it is ready), else on the calling
+    // thread's event loop; delay 0 writes each change as it arrives. A call replaces the
+    // autosave running (which first writes what it had queued); an invalid manager turns
+    // autosave off. Answers the autosave object, null when off. While autosave runs, the
+    // interface and its settings belong to it: load and save through another interface.
+    QObject* set_autosave(const Elements::Client::Element_man& eman, bool background = true, int delay_ms = 2000);
+    bool is_autosave() const;
+    // Returns once every change posted before the call is written and synced to the medium;
+    // at once when autosave is off. Any thread may call it.
+    void autosave_sync();
+    // The autosave's trace line per write ("ASave ..."), on by default; it also follows the
+    // library's trace switch (Trace_print, KTD_TRACE=0).
+    void set_autosave_trace(bool on);
+    bool autosave_trace() const { return m_autosave_trace.load(); }
 
     // --- progress ---
     void set_total_objects(int n) { m_total_objects = n; }
@@ -233,8 +262,9 @@ public:
     void notify_finish_in_use();
     // Ends the run with its result (a false result fails the interface if nothing did yet).
     void notify_complete(bool ok);
-    // Blocks until no run is in progress, or `timeout_ms` passed (-1 waits for ever). True when
-    // no run is in progress on return.
+    // Writes what the autosave has queued (autosave_sync()), then blocks until no run is in
+    // progress, or `timeout_ms` passed (-1 waits for ever). True when no run is in progress on
+    // return.
     bool wait_for_complete(int timeout_ms = -1);
     bool in_use() const;
     // Asks the run in progress (or, between runs, the next one) to stop before its next
@@ -277,6 +307,9 @@ protected:
     QHash<const void*, QString> m_written_texts;
     bool m_optimised_save = false;
     std::atomic<int> m_partial_save_state{0};
+    bool m_reference_individual_files = false;
+    std::atomic<bool> m_autosave_trace{true};
+    std::unique_ptr<XML_interface_private> m_private; // the autosave
     std::atomic<bool> m_cancel{false};
     bool m_ok = true;
     QString m_fail_text;

@@ -80,6 +80,40 @@ bool Element_list::save_xml(const QSharedPointer<Element>& owner, QXmlStreamWrit
     return true;
 }
 
+QString Element_list::individual_file_name(const Element& child, const char* tag)
+{
+    return QStringLiteral("%1_%2.XML").arg(QLatin1String(tag)).arg(child.get_id());
+}
+
+bool Element_list::individual_file_data(const QSharedPointer<Element>& child, XML_interface& xi, QByteArray& data)
+{
+    QBuffer buf(&data);
+    buf.open(QIODevice::WriteOnly);
+    QXmlStreamWriter fw(&buf);
+    fw.setAutoFormatting(true);
+    fw.writeStartDocument();
+    const QString previous = xi.cur_outfilename();
+    xi.set_cur_outfilename(individual_file_name(*child, m_tag));
+    const bool ok = child->save_to_individual_xml(child, &fw, xi);
+    xi.set_cur_outfilename(previous);
+    fw.writeEndDocument();
+    return ok;
+}
+
+bool Element_list::save_individual_file(const QSharedPointer<Element>& child, XML_interface& xi)
+{
+    const QString name = individual_file_name(*child, m_tag);
+    QByteArray data;
+    QString error;
+    if (!individual_file_data(child, xi, data) || !xi.write_file_atomic(xi.outfilepath(name), data, &error)) {
+        fprintf(stderr, "Failed to generate %s.XML\n", name.left(name.size() - 4).toUtf8().constData());
+        xi.set_fail(error.isEmpty() ? xi.fail_text() : error);
+        return false;
+    }
+    xi.note_used_file(name);
+    return true;
+}
+
 bool Element_list::save_to_individual_files(QXmlStreamWriter& w, XML_interface& xi)
 {
     for (const auto& c : m_children) {
@@ -90,29 +124,9 @@ bool Element_list::save_to_individual_files(QXmlStreamWriter& w, XML_interface& 
                 return false;
             continue;
         }
-        const QString name = QStringLiteral("%1_%2.XML").arg(QLatin1String(m_tag)).arg(id);
-        QByteArray data;
-        {
-            QBuffer buf(&data);
-            buf.open(QIODevice::WriteOnly);
-            QXmlStreamWriter fw(&buf);
-            fw.setAutoFormatting(true);
-            fw.writeStartDocument();
-            const QString previous = xi.cur_outfilename();
-            xi.set_cur_outfilename(name);
-            const bool ok = c->save_to_individual_xml(c, &fw, xi);
-            xi.set_cur_outfilename(previous);
-            fw.writeEndDocument();
-            if (!ok)
-                return false;
-        }
-        QString error;
-        if (!xi.write_file_atomic(xi.outfilepath(name), data, &error)) {
-            fprintf(stderr, "Failed to generate %s.XML\n", name.left(name.size() - 4).toUtf8().constData());
-            xi.set_fail(error);
+        // The autosave writes these files itself, as their elements change.
+        if (!xi.reference_individual_files() && !save_individual_file(c, xi))
             return false;
-        }
-        xi.note_used_file(name);
         w.writeEmptyElement(QStringLiteral("P231_UID_XFR"));
         w.writeAttribute(QStringLiteral("TAG"), QLatin1String(m_tag));
         w.writeAttribute(QStringLiteral("ID"), QString::number(id));

@@ -46,6 +46,12 @@ public:
     bool save_xml(const QSharedPointer<Element>& owner, QXmlStreamWriter& w, XML_interface& xi);
     // Writes each child to a file of its own and a reference to it into `w`.
     bool save_to_individual_files(QXmlStreamWriter& w, XML_interface& xi);
+    // The file of its own of `child` (a child of this list with a number): "%1_%2.XML" and the
+    // document. False when it could not be written (the interface failed).
+    static QString individual_file_name(const Element& child, const char* tag);
+    bool individual_file_data(const QSharedPointer<Element>& child, XML_interface& xi, QByteArray& data);
+    // Writes that file, whole. False after "Failed to generate %s.XML\n".
+    bool save_individual_file(const QSharedPointer<Element>& child, XML_interface& xi);
     // Reads one child from a file of its own (its root is the child's tag), in place at `index`:
     // with Fast_xml_reader when the file passes its prescan, else with QXmlStreamReader.
     bool load_individual_file(const QSharedPointer<Element>& owner, const QString& filename, XML_interface& xi,

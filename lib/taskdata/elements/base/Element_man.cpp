@@ -3,8 +3,11 @@
 #include <taskdata/attributes/base/LinkedID.h>
 #include <taskdata/attributes/base/UniqueID.h>
 #include <taskdata/common/File_lookup.h>
+#include <taskdata/common/XML_interface.h>
+#include <taskdata/elements/base/Catalogue.h>
 
 #include <QDir>
+#include <QFileInfo>
 #include <QMutexLocker>
 
 #include <cstdio>
@@ -221,6 +224,50 @@ void Element_man::register_element(const QString& prefix, int n, const QSharedPo
             return;
     }
     resolve_link(element, prefix, n);
+}
+
+bool Element_man_base::update_attached_files(XML_interface&) { return true; }
+
+bool Element_man::update_attached_files(XML_interface& xi)
+{
+    const QString source = task_data_dir();
+    const QString target = xi.output_dir();
+    const QSharedPointer<Element> r = root();
+    if (!r || source.isEmpty() || target.isEmpty() ||
+        QFileInfo(source).canonicalFilePath() == QFileInfo(target).canonicalFilePath())
+        return true;
+    Element_locker_new lock(r);
+    Element_list* files = lock ? r->find_list(u"AFE") : nullptr;
+    if (!files)
+        return true;
+    bool ok = true;
+    for (const auto& e : files->elements()) {
+        const QString name = static_cast<Attached_file*>(e.data())->filename.get_string();
+        if (name.isEmpty() || !File_lookup::find(target, name, true).path.isEmpty())
+            continue;
+        const QString found = File_lookup::find(source, name, true).path;
+        if (!found.isEmpty() && !xi.copy_file(name, found))
+            ok = false;
+    }
+    return ok;
+}
+
+Element_man::Document_origin Element_man::document_origin() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_origin;
+}
+
+void Element_man::set_document_origin(const Document_origin& origin)
+{
+    QMutexLocker lock(&m_mutex);
+    m_origin = origin;
+}
+
+void Element_man::edit_document_origin(const std::function<void(Document_origin&)>& edit)
+{
+    QMutexLocker lock(&m_mutex);
+    edit(m_origin);
 }
 
 QSharedPointer<Element> Element_man::lookup(const QString& prefix, int n) const

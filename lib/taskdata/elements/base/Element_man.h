@@ -25,6 +25,8 @@
 #include <QSharedPointer>
 #include <QUuid>
 
+#include <functional>
+
 namespace TC {
 namespace Task_data {
 namespace Elements {
@@ -56,6 +58,9 @@ public:
     QString task_data_dir() const;
     // Path of a file of the task data directory, found regardless of letter case; empty when absent.
     virtual QString find_file(const QString& name) const;
+    // Brings the attached files of the document into the interface's output directory when
+    // they are only in the task data directory (each copied whole). False when a copy failed.
+    virtual bool update_attached_files(XML_interface& xi);
 
 private:
     QAtomicInteger<quint64> m_change_counter{0};
@@ -140,6 +145,20 @@ public:
     QSharedPointer<Element> link_list() const { return m_link_list; }
     void set_link_list(const QSharedPointer<Element>& l) { m_link_list = l; }
 
+    // Where the document came from, kept with the tree so that a tree loaded through one
+    // interface can be saved through another: the format version it was read or created with
+    // (0 unknown) and the top-level elements read from external files, with the file's name.
+    struct Document_origin
+    {
+        int format_version = 0;
+        QVector<QPair<QWeakPointer<Element>, QString>> external;
+        QSet<QPair<QString, int>> guid_list; // identifiers of the GUID list read; empty without one
+    };
+    Document_origin document_origin() const;
+    void set_document_origin(const Document_origin& origin);
+    void edit_document_origin(const std::function<void(Document_origin&)>& edit);
+    bool update_attached_files(XML_interface& xi) override;
+
 private:
     struct Uid_entry
     {
@@ -171,6 +190,7 @@ private:
     QHash<const Attributes::Base::LinkedID*, Key> m_pending_index;
     QSharedPointer<Element> m_root;
     QSharedPointer<Element> m_link_list;
+    Document_origin m_origin;
 };
 
 } // namespace Base

@@ -1,0 +1,439 @@
+// Autosave: when a change is written (at once, after a burst, never twice), what a flush waits
+// for, the trace, and a child process killed while it edits and autosaves, whose directory must
+// keep every change it confirmed.
+#include <taskdata/common/Autosave.h>
+#include <taskdata/common/XML_interface.h>
+#include <taskdata/elements/client/Elements.h>
+
+#include "test_support.h"
+
+#include <QElapsedTimer>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <csignal>
+#include <cstdio>
+#include <map>
+#include <unistd.h>
+
+using namespace TC::Task_data;
+namespace C = TC::Task_data::Elements::Client;
+using Autosave = XML_interface_private::Autosave;
+
+namespace {
+
+const char* const child_variable = "KTD_AUTOSAVE_CHILD_DIR";
+
+QByteArray file(const QString& dir, const QString& name)
+{
+    QFile f(QDir(dir).filePath(name));
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+// A small document: one customer (written in the main file) and two tasks, saved individually.
+struct Document
+{
+    QTemporaryDir dir;
+    C::Element_man eman = C::Element_man::create();
+    XML_interface xi{dir.path()};
+    C::Customer customer;
+    C::Task task;
+
+    explicit Document(bool trace = false)
+    {
+        xi.set_individual_save(QStringLiteral("TSK"), true);
+        xi.set_autosave_trace(trace);
+        const C::Task_data root = eman.create_client_root();
+        customer = root.create_customer();
+        customer.set_designator(QStringLiteral("Customer"));
+        root.create_task().set_designator(QStringLiteral("First"));
+        task = root.create_task();
+        task.set_designator(QStringLiteral("Second"));
+    }
+    QString task_file() const { return QStringLiteral("TSK_%1.XML").arg(task.id()); }
+    // What a second manager reads from the directory.
+    QStringList read_back() const
+    {
+        C::Element_man other = C::Element_man::create();
+        XML_interface in(dir.path());
+        if (!other.load_xml(in))
+            return {in.fail_text()};
+        const C::Task_data root = other.get_client_root();
+        QStringList out{root.get_customer(0).designator()};
+        for (int i = 0; i < root.tasks_count(); ++i)
+            out << QStringLiteral("%1:%2").arg(root.get_task(unsigned(i)).designator()).arg(
+                       root.get_task(unsigned(i)).default_treatment_zone());
+        return out;
+    }
+};
+
+} // namespace
+
+class tst_autosave : public QObject
+{
+    Q_OBJECT
+private slots:
+    void writes_data();
+    void writes();
+    void repeated_event_writes_nothing();
+    void deleted_element_writes_nothing_data();
+    void deleted_element_writes_nothing();
+    void sync_puts_everything_on_disk_data();
+    void sync_puts_everything_on_disk();
+    void flush_with_empty_queue_returns_promptly();
+    void trace_data();
+    void trace();
+    void killed_while_saving_keeps_what_it_confirmed();
+};
+
+void tst_autosave::writes_data()
+{
+    QTest::addColumn<int>("delay");
+    QTest::addColumn<bool>("own_file");
+    QTest::addColumn<int>("queued");
+    QTest::addColumn<int>("timer_starts");
+    QTest::newRow("delay 0, main file") << 0 << false << 0 << 0;
+    QTest::newRow("delay 0, own file") << 0 << true << 0 << 0;
+    QTest::newRow("burst of ten, main file") << 60000 << false << 10 << 1;
+    QTest::newRow("burst of ten, own file") << 60000 << true << 10 << 1;
+}
+
+// Delay 0 writes inside the handler, without the timer; ten changes within the delay are ten
+// queue entries, one timer start and one write.
+void tst_autosave::writes()
+{
+    QFETCH(int, delay);
+    QFETCH(bool, own_file);
+    QFETCH(int, queued);
+    QFETCH(int, timer_starts);
+    Document doc;
+    auto a = static_cast<Autosave*>(doc.xi.set_autosave(doc.eman, false, delay));
+    QVERIFY(a);
+    const QString name = own_file ? doc.task_file() : QStringLiteral("TASKDATA.XML");
+    QVERIFY(file(doc.dir.path(), name).contains(own_file ? "Second" : "Customer")); // all written at the start
+    const int before = a->writes();
+    for (int i = 0; i < (delay ? 10 : 1); ++i) {
+        const QString text = QStringLiteral("Changed %1").arg(i);
+        QVERIFY(own_file ? doc.task.set_designator(text) : doc.customer.set_designator(text));
+        QCoreApplication::sendPostedEvents(a);
+    }
+    QCOMPARE(a->writes() - before, delay ? 0 : 1);
+    QCOMPARE(a->queue_size(), queued);
+    QCOMPARE(a->timer_starts(), timer_starts);
+    QCOMPARE(a->timer_active(), timer_starts > 0);
+    a->save_queued_elements();
+    QCOMPARE(a->writes() - before, 1);
+    QCOMPARE(a->queue_size(), 0);
+    QVERIFY(!a->timer_active());
+    QVERIFY(file(doc.dir.path(), name).contains(delay ? "Changed 9" : "Changed 0"));
+}
+
+void tst_autosave::repeated_event_writes_nothing()
+{
+    Document doc;
+    auto a = static_cast<Autosave*>(doc.xi.set_autosave(doc.eman, false, 0));
+    const int before = a->writes();
+    // A second event for each element at the stamp already written.
+    for (const C::Element& e : {C::Element(doc.task), C::Element(doc.customer)})
+        QCoreApplication::postEvent(a, new C::Attribute_update_qt_event(QSharedPointer<const C::Attribute_update>::create(
+                                           e, TC::Task_data::Attributes::Client::Attribute())));
+    QCoreApplication::sendPostedEvents(a);
+    QCOMPARE(a->writes(), before);
+}
+
+void tst_autosave::deleted_element_writes_nothing_data()
+{
+    QTest::addColumn<bool>("before_delivery");
+    QTest::addColumn<QString>("message");
+    QTest::newRow("deleted after its change was queued") << false << QString();
+    QTest::newRow("deleted before its change arrived") << true << QString("Autosave no elem 94\n");
+}
+
+void tst_autosave::deleted_element_writes_nothing()
+{
+    QFETCH(bool, before_delivery);
+    QFETCH(QString, message);
+    Document doc(true);
+    auto a = static_cast<Autosave*>(doc.xi.set_autosave(doc.eman, false, 60000));
+    const QString own_name = doc.task_file();
+    const QByteArray own = file(doc.dir.path(), own_name);
+    QVERIFY(own.contains("Second"));
+    const C::Task_data root = doc.eman.get_client_root();
+    Ktd_test::Capture_fd err(2);
+    QVERIFY(doc.task.set_designator("Gone"));
+    if (!before_delivery)
+        QCoreApplication::sendPostedEvents(a);
+    QVERIFY(root.remove_tasks(doc.task));
+    QVERIFY(!doc.task.valid());
+    if (!before_delivery) // only the queued entry: the removal's own event is a change of the root
+        QCoreApplication::removePostedEvents(a);
+    QCoreApplication::sendPostedEvents(a);
+    const int before = a->writes();
+    a->save_queued_elements();
+    QCOMPARE(a->writes() - before, before_delivery ? 1 : 0); // the root, for the removal
+    QCOMPARE(err.text().section(QLatin1Char('\n'), 0, 0) + (message.isEmpty() ? "" : "\n"),
+             message.isEmpty() ? QString() : message);
+    QCOMPARE(file(doc.dir.path(), own_name), own);
+}
+
+void tst_autosave::sync_puts_everything_on_disk_data()
+{
+    QTest::addColumn<int>("change");
+    QTest::addColumn<QStringList>("expected");
+    QTest::newRow("attribute in the main file") << 0 << QStringList{"Synced", "First:0", "Second:0"};
+    QTest::newRow("attribute in an own file") << 1 << QStringList{"Customer", "First:0", "Second:7"};
+    QTest::newRow("child added") << 2 << QStringList{"Customer", "First:0", "Second:0", "Third:0"};
+    QTest::newRow("child removed") << 3 << QStringList{"Customer", "Second:0"};
+}
+
+// On the background thread, with a delay that never passes in the test: only the flush writes.
+void tst_autosave::sync_puts_everything_on_disk()
+{
+    QFETCH(int, change);
+    QFETCH(QStringList, expected);
+    Document doc;
+    QVERIFY(doc.xi.set_autosave(doc.eman, true, 600000));
+    const C::Task_data root = doc.eman.get_client_root();
+    switch (change) {
+    case 0:
+        doc.customer.set_designator("Synced");
+        break;
+    case 1:
+        doc.task.set_default_treatment_zone(7);
+        break;
+    case 2:
+        root.create_task().set_designator("Third");
+        break;
+    case 3:
+        root.remove_tasks(root.get_task(0));
+        break;
+    }
+    doc.xi.autosave_sync();
+    QCOMPARE(doc.read_back(), expected);
+}
+
+// The hand-shake: the autosave exists when set_autosave returns; a flush of nothing does not
+// wait for the delay.
+void tst_autosave::flush_with_empty_queue_returns_promptly()
+{
+    Document doc;
+    QVERIFY(doc.xi.set_autosave(doc.eman, true, 600000));
+    QVERIFY(doc.xi.is_autosave());
+    QElapsedTimer t;
+    t.start();
+    doc.xi.autosave_sync();
+    QVERIFY2(t.elapsed() < 60000, qPrintable(QString::number(t.elapsed())));
+    doc.xi.set_autosave(C::Element_man(), true, 0);
+    QVERIFY(!doc.xi.is_autosave());
+    doc.xi.autosave_sync(); // off: returns at once
+}
+
+void tst_autosave::trace_data()
+{
+    QTest::addColumn<bool>("own_file");
+    QTest::addColumn<bool>("on");
+    QTest::addColumn<QString>("pattern");
+    QTest::newRow("main file") << false << true
+                               << R"(^ASave 1 \d+ (\d+) ISO11783_TaskData ''<\d+\.\1> TD \1\.0 \d+\n$)";
+    QTest::newRow("own file") << true << true << R"(^ASave 1 \d+ (\d+) TSK 'Traced'<\d+\.\1> E \d+ \d+ TSK 'Traced'\n$)";
+    QTest::newRow("off") << false << false << "^$";
+}
+
+void tst_autosave::trace()
+{
+    QFETCH(bool, own_file);
+    QFETCH(bool, on);
+    QFETCH(QString, pattern);
+    Document doc(on);
+    auto a = static_cast<Autosave*>(doc.xi.set_autosave(doc.eman, false, 0));
+    Ktd_test::Capture_fd err(2);
+    QVERIFY(own_file ? doc.task.set_designator("Traced") : doc.customer.set_designator("Traced"));
+    QCoreApplication::sendPostedEvents(a);
+    const QString text = err.text();
+    QVERIFY2(QRegularExpression(pattern).match(text).hasMatch(), qPrintable(text));
+}
+
+// --- a process killed while it edits with autosave on ---
+
+namespace {
+
+// The edit sequence of the child, replayed by the parent: op i changes one thing.
+struct State
+{
+    QString customer = QStringLiteral("Customer");
+    std::map<QString, int> tasks{{"First", 0}, {"Second", 0}}; // designator, treatment zone
+    QStringList order{"First", "Second"};                      // live tasks, oldest first
+};
+
+// Names made by run `run`, op `i`: unique across runs.
+QString name(int run, char what, int i) { return QStringLiteral("%1%2.%3").arg(what).arg(run).arg(i); }
+
+void apply(State& s, int run, int i)
+{
+    switch (i % 4) {
+    case 0:
+        s.customer = name(run, 'c', i);
+        break;
+    case 1:
+        s.tasks[name(run, 't', i)] = 0;
+        s.order << name(run, 't', i);
+        break;
+    case 2:
+        if (s.order.size() > 2)
+            s.tasks.erase(s.order.takeFirst());
+        break;
+    case 3:
+        s.tasks[s.order.last()] = i % 250;
+        break;
+    }
+}
+
+void apply(const C::Task_data& root, C::Customer& customer, int run, int i)
+{
+    switch (i % 4) {
+    case 0:
+        customer.set_designator(name(run, 'c', i));
+        break;
+    case 1:
+        root.create_task().set_designator(name(run, 't', i));
+        break;
+    case 2:
+        if (root.tasks_count() > 2)
+            root.remove_tasks(root.get_task(0));
+        break;
+    case 3:
+        root.get_task(unsigned(root.tasks_count() - 1)).set_default_treatment_zone(quint8(i % 250));
+        break;
+    }
+}
+
+void say(const QByteArray& line)
+{
+    const QByteArray l = line + '\n';
+    if (::write(1, l.constData(), size_t(l.size())) < 0)
+        std::_Exit(4);
+}
+
+// The child: loads the directory, edits until killed, confirming after every autosave_sync.
+[[noreturn]] void edit_until_killed(const QString& dir, int run)
+{
+    C::Element_man eman = C::Element_man::create();
+    XML_interface xi(dir);
+    if (!eman.load_xml(xi))
+        std::_Exit(3);
+    XML_interface autosave(dir);
+    autosave.set_individual_save(QStringLiteral("TSK"), true);
+    autosave.set_autosave_trace(false);
+    autosave.set_autosave(eman, true, 5);
+    const C::Task_data root = eman.get_client_root();
+    C::Customer customer = root.get_customer(0);
+    say("ready");
+    for (int i = 0;; ++i) {
+        say("op " + QByteArray::number(i)); // may be on disk from here on
+        apply(root, customer, run, i);
+        if (i % 8 == 7) {
+            autosave.autosave_sync();
+            say("ok " + QByteArray::number(i + 1)); // ops below this are on disk
+        }
+    }
+}
+
+} // namespace
+
+// After every kill the directory loads, and each element is as it was at some moment between
+// the last confirmation and the last edit begun: nothing confirmed is lost, nothing is mixed.
+void tst_autosave::killed_while_saving_keeps_what_it_confirmed()
+{
+    Document doc;
+    const QString dir = doc.dir.path();
+    QVERIFY(doc.eman.save_xml(doc.xi));
+    State start; // what the directory holds
+    QRandomGenerator random(13);
+    for (int run = 0; run < 50; ++run) {
+        QProcess child;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(child_variable, dir);
+        env.insert(QStringLiteral("KTD_AUTOSAVE_RUN"), QString::number(run));
+        child.setProcessEnvironment(env);
+        child.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        child.start(QCoreApplication::applicationFilePath(), QStringList());
+        QVERIFY(child.waitForStarted());
+        QByteArray out;
+        while (!out.contains("ready\n") && child.waitForReadyRead(30000))
+            out += child.readAllStandardOutput();
+        QVERIFY2(out.contains("ready\n"), out.constData());
+        QTest::qSleep(int(random.bounded(5, 120)));
+        ::kill(pid_t(child.processId()), SIGKILL);
+        QVERIFY(child.waitForFinished(30000));
+        out += child.readAllStandardOutput();
+        QCOMPARE(child.exitStatus(), QProcess::CrashExit);
+
+        int confirmed = 0, begun = -1;
+        for (const QByteArray& line : out.split('\n')) {
+            if (line.startsWith("ok "))
+                confirmed = line.mid(3).toInt();
+            else if (line.startsWith("op "))
+                begun = line.mid(3).toInt();
+        }
+        // Each load starts from what is on disk: replay from there.
+        C::Element_man disk = C::Element_man::create();
+        XML_interface in(dir);
+        QVERIFY2(disk.load_xml(in), qPrintable(in.fail_text()));
+        const C::Task_data root = disk.get_client_root();
+        QHash<QString, int> found;
+        for (int i = 0; i < root.tasks_count(); ++i)
+            found.insert(root.get_task(unsigned(i)).designator(), root.get_task(unsigned(i)).default_treatment_zone());
+        // States the directory may show, element by element: after the confirmed ops, and
+        // after each op begun since.
+        QVector<State> states{start};
+        for (int i = 0; i <= begun; ++i) {
+            states.append(states.last());
+            apply(states.last(), run, i);
+        }
+        states.remove(0, confirmed);
+        QSet<QString> customers;
+        QHash<QString, QSet<int>> allowed; // task: zones it may have; -1 absent
+        for (auto it = found.constBegin(); it != found.constEnd(); ++it)
+            allowed[it.key()];
+        for (const State& st : states)
+            for (const auto& t : st.tasks)
+                allowed[t.first];
+        for (const State& st : states) {
+            customers.insert(st.customer);
+            for (auto it = allowed.begin(); it != allowed.end(); ++it)
+                it.value().insert(st.tasks.count(it.key()) ? st.tasks.at(it.key()) : -1);
+        }
+        QVERIFY2(customers.contains(root.get_customer(0).designator()),
+                 qPrintable(QString("run %1: customer %2").arg(run).arg(root.get_customer(0).designator())));
+        for (auto it = allowed.constBegin(); it != allowed.constEnd(); ++it) {
+            const int zone = found.value(it.key(), -1);
+            QVERIFY2(it.value().contains(zone),
+                     qPrintable(QString("run %1 (ok %2, op %3): task %4 is %5").arg(run).arg(confirmed).arg(begun).arg(it.key()).arg(zone)));
+        }
+        // The next child starts from what is on disk.
+        start = State();
+        start.customer = root.get_customer(0).designator();
+        start.order.clear();
+        start.tasks.clear();
+        for (int i = 0; i < root.tasks_count(); ++i) {
+            const QString task = root.get_task(unsigned(i)).designator();
+            start.order << task;
+            start.tasks[task] = found.value(task);
+        }
+    }
+}
+
+int main(int argc, char** argv)
+{
+    Ktd_test::Application app(argc, argv);
+    const QString child_dir = qEnvironmentVariable(child_variable);
+    if (!child_dir.isEmpty())
+        edit_until_killed(child_dir, qEnvironmentVariableIntValue("KTD_AUTOSAVE_RUN"));
+    tst_autosave t;
+    return QTest::qExec(&t, argc, argv);
+}
+
+#include "tst_autosave.moc"
