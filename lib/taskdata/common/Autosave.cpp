@@ -27,6 +27,8 @@ XML_interface_private::Autosave::Autosave(XML_interface& xml, const Client::Elem
 {
     const Client::Task_data root = eman.get_client_root();
     root.register_for_events(this);
+    // Its changes would otherwise wait for the next change of the document.
+    eman.link_list().register_for_events(this);
     save(root.get_base_elem());
     connect(timer, &QTimer::timeout, this, &Autosave::save_queued_elements);
     timer->setSingleShot(true);
@@ -35,6 +37,7 @@ XML_interface_private::Autosave::Autosave(XML_interface& xml, const Client::Elem
 XML_interface_private::Autosave::~Autosave()
 {
     eman.get_client_root().unregister_for_events(this);
+    eman.link_list().unregister_for_events(this);
     XML_interface_private& d = of(xml);
     QMutexLocker guard(&d.lock);
     if (d.autosave == this) {
