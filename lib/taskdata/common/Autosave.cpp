@@ -22,6 +22,38 @@ using Elements::Base::Element_list;
 using Elements::Base::Element_locker_new;
 namespace Client = Elements::Client;
 
+namespace {
+// Holds every element of a tree, parents before children, while alive: the document written is
+// the tree at one moment. Editors wait meanwhile (the documents are only made in memory here).
+class Tree_hold
+{
+public:
+    explicit Tree_hold(const QSharedPointer<Element>& top)
+    {
+        if (top)
+            take(top);
+    }
+    ~Tree_hold()
+    {
+        for (auto it = m_held.rbegin(); it != m_held.rend(); ++it)
+            (*it)->unlock();
+    }
+    Tree_hold(const Tree_hold&) = delete;
+    Tree_hold& operator=(const Tree_hold&) = delete;
+
+private:
+    void take(const QSharedPointer<Element>& e)
+    {
+        e->try_lock(-1);
+        m_held.append(e);
+        for (unsigned l = 0, n = e->_num_element_lists(); l < n; ++l)
+            for (const QSharedPointer<Element>& c : e->_element_list(l)->elements())
+                take(c);
+    }
+    QVector<QSharedPointer<Element>> m_held;
+};
+} // namespace
+
 XML_interface_private::Autosave::Autosave(XML_interface& xml, const Client::Element_man& eman, int delay)
     : xml(xml), eman(eman), delay(delay), timer(new QTimer(this))
 {
@@ -187,9 +219,9 @@ void XML_interface_private::Autosave::save_individual(const QSharedPointer<Eleme
     QByteArray kind, designator;
     bool ok = false;
     {
-        Element_locker_new lock(element);
+        Tree_hold hold(element);
         const quint64 stamp = element->stamp();
-        if (!lock || !list || !changed(element.data(), stamp))
+        if (!list || !changed(element.data(), stamp))
             return;
         kind = element->kind().tag;
         designator = element->get_designator().toLocal8Bit();
@@ -264,6 +296,7 @@ void XML_interface_private::Autosave::save_root()
         Task_data_files::Files files;
         {
             // Made in memory while the tree is held, written after.
+            Tree_hold hold(root);
             changed_individuals(root.data(), files);
             xml.set_reference_individual_files(true);
             Task_data_files::main_files(xml, man, files);
@@ -282,7 +315,12 @@ void XML_interface_private::Autosave::save_root()
         xml.reset_state();
         Task_data_files::Files files;
         xml.set_cur_outfilename(QStringLiteral("LINKLIST.XML"));
-        if (Task_data_files::link_list_file(xml, man, files))
+        bool made;
+        {
+            Tree_hold hold(link_list);
+            made = Task_data_files::link_list_file(xml, man, files);
+        }
+        if (made)
             Task_data_files::write_files(xml, files);
         xml.set_cur_outfilename(QString());
         ++m_writes;

@@ -196,15 +196,17 @@ void tst_autosave::sync_puts_everything_on_disk_data()
     QTest::newRow("attribute in an own file") << 1 << QStringList{"Customer", "First:0", "Second:7"};
     QTest::newRow("child added") << 2 << QStringList{"Customer", "First:0", "Second:0", "Third:0"};
     QTest::newRow("child removed") << 3 << QStringList{"Customer", "Second:0"};
+    // Delay 0: the autosave thread reads the tree while this one changes it (ThreadSanitizer).
+    QTest::newRow("changes while it writes") << 4 << QStringList{"Synced %1", "First:0", "Second:%2"};
 }
 
-// On the background thread, with a delay that never passes in the test: only the flush writes.
+// On the background thread; with a delay that never passes in the test only the flush writes.
 void tst_autosave::sync_puts_everything_on_disk()
 {
     QFETCH(int, change);
     QFETCH(QStringList, expected);
     Document doc;
-    QVERIFY(doc.xi.set_autosave(doc.eman, true, 600000));
+    QVERIFY(doc.xi.set_autosave(doc.eman, true, change == 4 ? 0 : 600000));
     const C::Task_data root = doc.eman.get_client_root();
     switch (change) {
     case 0:
@@ -219,6 +221,18 @@ void tst_autosave::sync_puts_everything_on_disk()
     case 3:
         root.remove_tasks(root.get_task(0));
         break;
+    case 4: {
+        QElapsedTimer t;
+        t.start();
+        int i = 0;
+        for (; t.elapsed() < 300; ++i) {
+            doc.customer.set_designator(QStringLiteral("Synced %1").arg(i));
+            doc.task.set_default_treatment_zone(quint8(i % 256));
+        }
+        expected[0] = expected[0].arg(i - 1);
+        expected[2] = expected[2].arg((i - 1) % 256);
+        break;
+    }
     }
     doc.xi.autosave_sync();
     QString error;
