@@ -20,39 +20,9 @@ namespace Task_data {
 using Elements::Base::Element;
 using Elements::Base::Element_list;
 using Elements::Base::Element_locker_new;
+using Elements::Base::Tree_locker;
 namespace Client = Elements::Client;
 
-namespace {
-// Holds every element of a tree, parents before children, while alive: the document written is
-// the tree at one moment. Editors wait meanwhile (the documents are only made in memory here).
-class Tree_hold
-{
-public:
-    explicit Tree_hold(const QSharedPointer<Element>& top)
-    {
-        if (top)
-            take(top);
-    }
-    ~Tree_hold()
-    {
-        for (auto it = m_held.rbegin(); it != m_held.rend(); ++it)
-            (*it)->unlock();
-    }
-    Tree_hold(const Tree_hold&) = delete;
-    Tree_hold& operator=(const Tree_hold&) = delete;
-
-private:
-    void take(const QSharedPointer<Element>& e)
-    {
-        e->try_lock(-1);
-        m_held.append(e);
-        for (unsigned l = 0, n = e->_num_element_lists(); l < n; ++l)
-            for (const QSharedPointer<Element>& c : e->_element_list(l)->elements())
-                take(c);
-    }
-    QVector<QSharedPointer<Element>> m_held;
-};
-} // namespace
 
 XML_interface_private::Autosave::Autosave(XML_interface& xml, const Client::Element_man& eman, int delay)
     : xml(xml), eman(eman), delay(delay), timer(new QTimer(this))
@@ -198,12 +168,12 @@ bool XML_interface_private::Autosave::saved_individually(const Element* e) const
 void XML_interface_private::Autosave::save(QSharedPointer<Element> element)
 {
     ++saves_since_header;
-    for (Element* e = element.data(); e;) {
-        if (saved_individually(e)) {
-            save_individual(e->get_sp());
+    for (QSharedPointer<Element> e = element; e;) {
+        if (saved_individually(e.data())) {
+            save_individual(e);
             return;
         }
-        Element* parent = e->parent_element();
+        QSharedPointer<Element> parent = e->parent_sp();
         if (parent == e)
             break;
         e = parent;
@@ -219,7 +189,8 @@ void XML_interface_private::Autosave::save_individual(const QSharedPointer<Eleme
     QByteArray kind, designator;
     bool ok = false;
     {
-        Tree_hold hold(element);
+        // The element and what is below it stay as they are while its file is made.
+        const Tree_locker hold({element});
         const quint64 stamp = element->stamp();
         if (!list || !changed(element.data(), stamp))
             return;
@@ -296,7 +267,7 @@ void XML_interface_private::Autosave::save_root()
         Task_data_files::Files files;
         {
             // Made in memory while the tree is held, written after.
-            Tree_hold hold(root);
+            const Tree_locker hold({root});
             changed_individuals(root.data(), files);
             xml.set_reference_individual_files(true);
             Task_data_files::main_files(xml, man, files);
@@ -317,7 +288,7 @@ void XML_interface_private::Autosave::save_root()
         xml.set_cur_outfilename(QStringLiteral("LINKLIST.XML"));
         bool made;
         {
-            Tree_hold hold(link_list);
+            const Tree_locker hold({link_list});
             made = Task_data_files::link_list_file(xml, man, files);
         }
         if (made)
