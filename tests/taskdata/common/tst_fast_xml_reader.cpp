@@ -140,15 +140,6 @@ QStringList load_tree(const QString& path, const QString& tag, R& r, bool* ok)
     return out;
 }
 
-QString write_task_data(const QTemporaryDir& dir, const QByteArray& xml)
-{
-    const QString path = dir.filePath(QStringLiteral("TASKDATA.XML"));
-    QFile f(path);
-    f.open(QIODevice::WriteOnly);
-    f.write(xml);
-    return path;
-}
-
 } // namespace
 
 class Tst_fast_xml_reader : public QObject
@@ -175,7 +166,6 @@ void Tst_fast_xml_reader::accepted_like_qt_data()
     QTest::newRow("CR LF in text") << QByteArray("<a>x\r\ny\rz<b/>\r\n</a>");
     QTest::newRow("single quotes") << QByteArray("<a v='say \"hi\"' w=\"it's\"/>");
     QTest::newRow("white space around =") << QByteArray("<a v \t=\n 'x'  w= \"y\" \n/>");
-    QTest::newRow("empty-element tags") << QByteArray("<a><b/><c x=\"1\"/><d></d></a>");
     QTest::newRow("end tag with white space") << QByteArray("<a><b></b \n></a >");
     QTest::newRow("comments and PIs between elements")
         << QByteArray("<!-- before --><?pi data?><a><!-- in - side --><?target  some data ?><b/><?t?></a><!-- after --><?p?>");
@@ -187,7 +177,6 @@ void Tst_fast_xml_reader::accepted_like_qt_data()
         << QByteArray("\xEF\xBB\xBF<?xml version=\"1.0\" encoding=\"utf-8\" standalone='yes'?>\n<a/>\n");
     QTest::newRow("declaration without encoding") << QByteArray("<?xml version=\"1.0\"?><a b=\"\"/>");
     QTest::newRow("'>' and ']]' in value and text") << QByteArray("<a v=\"a>b]]>\">x ]] y > z</a>");
-    QTest::newRow("deep nesting") << QByteArray("<a><b><c><d><e><f/></e></d></c></b></a>");
     QTest::newRow("names with - . _ digits") << QByteArray("<_a-b.c1 x_-.9=\"1\"/>");
     QTest::newRow("namespace declarations on the root")
         << QByteArray("<a xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" b=\"1\" "
@@ -196,7 +185,6 @@ void Tst_fast_xml_reader::accepted_like_qt_data()
         << QByteArray("<a p:x=\"1\" xmlns:p=\"urn:p\"/>");
     QTest::newRow("CR LF in comment and PI") << QByteArray("<a><!-- x\r\ny\rz --><?p d\r\n\re?></a>");
     QTest::newRow("PI with white space only") << QByteArray("<a><?t ?><?u\t?></a>");
-    QTest::newRow("white space only text") << QByteArray("<a>\n\t <b/>\r\n  </a>");
 }
 
 void Tst_fast_xml_reader::accepted_like_qt()
@@ -223,7 +211,6 @@ void Tst_fast_xml_reader::refused_data()
     QTest::newRow("surrogate reference") << QByteArray("<a x=\"&#xD800;\"/>") << false;
     QTest::newRow("reference beyond Unicode") << QByteArray("<a x=\"&#x110000;\"/>") << false;
     QTest::newRow("truncated file") << QByteArray("<a><b x=\"1\"/><c") << false;
-    QTest::newRow("truncated in value") << QByteArray("<a x=\"1") << false;
     QTest::newRow("no root") << QByteArray("<!-- only -->") << false;
     QTest::newRow("empty") << QByteArray() << false;
     QTest::newRow("garbage after root") << QByteArray("<a/>junk") << false;
@@ -263,10 +250,6 @@ void Tst_fast_xml_reader::load_falls_back_data()
                           "DataTransferOrigin=\"1\">\n");
     QTest::newRow("good") << head + "<TSK A=\"TSK1\" B=\"t&amp;1\" G=\"1\"/>\n</ISO11783_TaskData>\n";
     QTest::newRow("unclosed tag") << head + "<TSK A=\"TSK1\" G=\"1\">\n<TIM A=\"2020-01-01T00:00:00\" D=\"4\">\n</TSK>\n</ISO11783_TaskData>\n";
-    QTest::newRow("mismatched end tag") << head + "<TSK A=\"TSK1\" G=\"1\"></TSKX>\n</ISO11783_TaskData>\n";
-    QTest::newRow("duplicate attribute") << head + "<TSK A=\"TSK1\" G=\"1\" G=\"2\"/>\n</ISO11783_TaskData>\n";
-    QTest::newRow("'<' in value") << head + "<TSK A=\"TSK1\" B=\"a<b\" G=\"1\"/>\n</ISO11783_TaskData>\n";
-    QTest::newRow("bad entity") << head + "<TSK A=\"TSK1\" B=\"&bad;\" G=\"1\"/>\n</ISO11783_TaskData>\n";
     QTest::newRow("truncated") << head + "<TSK A=\"TSK1\" G=\"1\"/>\n<TSK A=\"TSK2\" G";
     QTest::newRow("garbage after root") << head + "<TSK A=\"TSK1\" G=\"1\"/>\n</ISO11783_TaskData>\ngarbage";
     QTest::newRow("DOCTYPE") << "<!DOCTYPE ISO11783_TaskData>\n" + head.mid(head.indexOf('\n') + 1) +
@@ -282,8 +265,10 @@ void Tst_fast_xml_reader::load_falls_back()
 {
     QFETCH(QByteArray, xml);
     QTemporaryDir dir;
-    QVERIFY(dir.isValid());
-    const QString path = write_task_data(dir, xml);
+    const QString path = dir.filePath(QStringLiteral("TASKDATA.XML"));
+    QFile out(path);
+    QVERIFY(out.open(QIODevice::WriteOnly) && out.write(xml) == xml.size());
+    out.close();
 
     QString expected_error;
     QStringList expected_tree;
@@ -316,14 +301,9 @@ void Tst_fast_xml_reader::load_falls_back()
 
 void Tst_fast_xml_reader::corpus_files_data()
 {
+    KTD_REQUIRE_CORPUS(corpus);
     QTest::addColumn<QString>("path");
-    const QString corpus = Ktd_test::corpus_dir();
-    if (corpus.isEmpty()) {
-        QTest::newRow("no corpus") << QString();
-        return;
-    }
-    QDirIterator it(corpus, {QStringLiteral("*.xml"), QStringLiteral("*.XML")}, QDir::Files,
-                    QDirIterator::Subdirectories);
+    QDirIterator it(corpus, {QStringLiteral("*.xml")}, QDir::Files, QDirIterator::Subdirectories);
     QStringList files;
     while (it.hasNext())
         files << it.next();
@@ -336,7 +316,6 @@ void Tst_fast_xml_reader::corpus_files_data()
 void Tst_fast_xml_reader::corpus_files()
 {
     QFETCH(QString, path);
-    KTD_REQUIRE_CORPUS(corpus);
     QFile f(path);
     QVERIFY(f.open(QIODevice::ReadOnly));
     const QByteArray bytes = f.readAll();
