@@ -110,7 +110,6 @@ void Tst_point_list::numbinpts_data()
     QTest::newRow("every field, length unknown") << 127 << 0 << 57 << 26 << 2;
     QTest::newRow("declared larger than the file") << 127 << 1000 << 52 << 26 << 2;
     QTest::newRow("declared smaller than the file") << 127 << 26 << 52 << 26 << 1;
-    QTest::newRow("north and east") << 6 << 48 << 48 << 16 << 3;
     QTest::newRow("type, up, colour") << 25 << 0 << 30 << 6 << 5;
     QTest::newRow("no file") << 6 << 32 << -1 << 16 << 0;
 }
@@ -197,7 +196,6 @@ void Tst_point_list::accuracy_rule_data()
 {
     QTest::addColumn<double>("metres");
     QTest::addColumn<int>("stored");
-    QTest::newRow("70 m") << 70.0 << 65000;
     QTest::newRow("just above 65 m") << 65.0001 << 65000;
     QTest::newRow("65 m") << 65.0 << 65000;
     QTest::newRow("rounded up") << 1.2345 << 1235;
@@ -224,20 +222,13 @@ void Tst_point_list::index_beyond_count()
 {
     Point_list l;
     l.default_point().north = 1.0;
-    l.default_point().designator = QStringLiteral("d");
     l.append_point();
     QCOMPARE(l.get_north(0), 1.0);
-    QCOMPARE(l.get_north(1), 0.0);
-    QCOMPARE(l.get_east_north(5), QPointF());
-    QCOMPARE(l.get_designator(1), QString());
-    QCOMPARE(l.get_type(1), quint8(0));
-    QCOMPARE(l.get_id(1), 0);
+    QCOMPARE(l.get_north(1), 0.0); // not the shared value
     QVERIFY(!l.point(1));
     l.set_north(1, 9.0); // nothing to set
-    QCOMPARE(l.get_num_points(), 1u);
     QVERIFY(!l.remove_point(1));
-    QVERIFY(l.remove_point(0));
-    QCOMPARE(l.get_num_points(), 0u);
+    QCOMPARE(l.get_num_points(), 1u);
 }
 
 void Tst_point_list::save_bin_element()
@@ -265,7 +256,7 @@ void Tst_point_list::save_bin_element()
 void Tst_point_list::directory_round_trip()
 {
     QTemporaryDir tmp;
-    const QString a = tmp.filePath("a"), b = tmp.filePath("b"), c = tmp.filePath("c");
+    const QString a = tmp.filePath("a"), b = tmp.filePath("b");
     auto man = Base::Element_man::create();
     const int n = 2001;
     binary_boundary(man, n);
@@ -285,32 +276,23 @@ void Tst_point_list::directory_round_trip()
     for (int i = 0; i < n; ++i) // within a double's step at 48 degrees, and millimetres
         QVERIFY(qAbs(read[i].north - made[i].north) < 2e-14 && qAbs(read[i].horizontal_accuracy - made[i].horizontal_accuracy) < 5e-4);
 
-    // Read points saved again (elsewhere, unchanged: copied) and read again are identical.
-    in.set_output_dir(b);
-    QVERIFY(in.save(back));
-    QCOMPARE(read_file(QDir(b).filePath("PNT00001.BIN")), read_file(QDir(a).filePath("PNT00001.BIN")));
-    auto again = Base::Element_man::create();
-    XML_interface in_b(b);
-    QVERIFY(in_b.load(again));
-    QVERIFY(same(points_of(again), read));
+    // The field's boundary is measured from the points of the file.
+    auto field = back->root().staticCast<Base::Task_data>()->partfields.typed_at(0);
+    const auto f = Base::Element_geometry::field_figures(*field);
+    QVERIFY2(qAbs(f.area_m2 - M_PI * 100.0 * 100.0) < 0.01 * M_PI * 1e4, qPrintable(QString::number(f.area_m2)));
 
-    // A changed list is written anew: every record through the interface, then identical on reading.
-    auto root = again->root().staticCast<Base::Task_data>();
-    auto pnt = root->partfields.typed_at(0)->polygons.typed_at(0)->line_strings.typed_at(0)->points.typed_at(0);
+    // A changed list is written anew, not copied (an unchanged one is: corpus_points_round_trip).
+    auto pnt = field->polygons.typed_at(0)->line_strings.typed_at(0)->points.typed_at(0);
     pnt->binary_points()->set_east(0, 15.5);
     pnt->binary_points()->remove_point(1);
-    in_b.set_output_dir(c);
-    QVERIFY(in_b.save(again));
-    QCOMPARE(QFileInfo(QDir(c).filePath("PNT00001.BIN")).size(), qint64(18 * (n - 1)));
+    in.set_output_dir(b);
+    QVERIFY(in.save(back));
+    QCOMPARE(QFileInfo(QDir(b).filePath("PNT00001.BIN")).size(), qint64(18 * (n - 1)));
     auto changed = Base::Element_man::create();
-    XML_interface in_c(c);
-    QVERIFY(in_c.load(changed));
-    QVERIFY(same(points_of(changed), points_of(again)));
+    XML_interface in_b(b);
+    QVERIFY(in_b.load(changed));
+    QVERIFY(same(points_of(changed), points_of(back)));
     QCOMPARE(points_of(changed).first().east, 15.5);
-
-    // The field's boundary is measured from the points of the file.
-    const auto f = Base::Element_geometry::field_figures(*back->root().staticCast<Base::Task_data>()->partfields.typed_at(0));
-    QVERIFY2(qAbs(f.area_m2 - M_PI * 100.0 * 100.0) < 0.01 * M_PI * 1e4, qPrintable(QString::number(f.area_m2)));
 }
 
 void Tst_point_list::corpus_points_round_trip()
