@@ -271,12 +271,8 @@ void Tst_time_source::binary_reads_data()
     QTest::addColumn<bool>("ok");
     QTest::addColumn<QVariant>("expected");
     auto b = [](const char* s, int n) { return QByteArray(s, n); };
-    QTest::newRow("u8") << b("\xff", 1) << "u8" << true << QVariant(255u);
-    QTest::newRow("i8") << b("\xff", 1) << "i8" << true << QVariant(-1);
-    QTest::newRow("u16") << b("\x34\x12", 2) << "u16" << true << QVariant(0x1234u);
+    // One template reads every width: a signed, a wide, the two floating types, and short reads.
     QTest::newRow("i16 minimum") << b("\x00\x80", 2) << "i16" << true << QVariant(-32768);
-    QTest::newRow("u32") << b("\x78\x56\x34\x12", 4) << "u32" << true << QVariant(0x12345678u);
-    QTest::newRow("i32 -2") << b("\xfe\xff\xff\xff", 4) << "i32" << true << QVariant(-2);
     QTest::newRow("u64") << b("\x01\x00\x00\x00\x00\x00\x00\x80", 8) << "u64" << true
                          << QVariant(Q_UINT64_C(0x8000000000000001));
     QTest::newRow("float 1.5") << b("\x00\x00\xc0\x3f", 4) << "float" << true << QVariant(1.5);
@@ -291,11 +287,8 @@ static QVariant read_one(W& w, const QString& type, bool& ok)
 {
     // Start from a non-zero value: a failed read must clear it.
     if (type == "u8") { quint8 v = 7; ok = w.read_u8(v); return QVariant(uint(v)); }
-    if (type == "i8") { qint8 v = 7; ok = w.read_i8(v); return QVariant(int(v)); }
-    if (type == "u16") { quint16 v = 7; ok = w.read_u16(v); return QVariant(uint(v)); }
     if (type == "i16") { qint16 v = 7; ok = w.read_i16(v); return QVariant(int(v)); }
     if (type == "u32") { quint32 v = 7; ok = w.read_u32(v); return QVariant(uint(v)); }
-    if (type == "i32") { qint32 v = 7; ok = w.read_i32(v); return QVariant(int(v)); }
     if (type == "u64") { quint64 v = 7; ok = w.read_u64(v); return QVariant(v); }
     if (type == "float") { float v = 7; ok = w.read_float(v); return QVariant(double(v)); }
     double v = 7;
