@@ -145,7 +145,6 @@ void Tst_time_source::unreadable_data()
 
     QTest::newRow("empty") << QString();
     QTest::newRow("blank") << "   ";
-    QTest::newRow("date only") << "2021-03-18";
     QTest::newRow("no seconds") << "2021-03-18T22:00";
     QTest::newRow("month 13") << "2021-13-01T00:00:00";
     QTest::newRow("month 0") << "2021-00-01T00:00:00";
@@ -157,7 +156,6 @@ void Tst_time_source::unreadable_data()
     QTest::newRow("leap second") << "2016-12-31T23:59:60Z";
     QTest::newRow("year 0") << "0000-01-01T00:00:00Z";
     QTest::newRow("five-digit year") << "12021-03-18T22:00:00";
-    QTest::newRow("one-digit month") << "2021-3-18T22:00:00";
     QTest::newRow("space separator") << "2021-03-18 22:00:00";
     QTest::newRow("sign in a field") << "2021-03-+8T22:00:00";
     QTest::newRow("non-ASCII digits") << QString::fromUtf8("２０２１-03-18T22:00:00");
@@ -167,7 +165,6 @@ void Tst_time_source::unreadable_data()
     QTest::newRow("offset beyond 14:00") << "2021-03-18T22:00:00+14:01";
     QTest::newRow("offset minute 60") << "2021-03-18T22:00:00+01:60";
     QTest::newRow("offset one-digit hour") << "2021-03-18T22:00:00+2:00";
-    QTest::newRow("offset one minute digit") << "2021-03-18T22:00:00+02:0";
     QTest::newRow("offset and Z") << "2021-03-18T22:00:00+02:00Z";
     QTest::newRow("trailing junk") << "2021-03-18T22:00:00Z junk";
     QTest::newRow("NUL inside") << QString::fromLatin1("2021-03-18T22:00:00\0Z", 21);
