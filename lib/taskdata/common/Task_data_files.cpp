@@ -27,7 +27,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <functional>
 
 namespace TC {
@@ -42,8 +41,6 @@ using Document_state = Element_man::Document_origin;
 namespace {
 
 QString tr(const char* text) { return QCoreApplication::translate("XML_interface", text); }
-
-bool tag_is(const Element* e, const char* tag) { return std::strcmp(e->kind().tag, tag) == 0; }
 
 const QString xfr_tag = QStringLiteral("XFR");
 const QString xfc_tag = QStringLiteral("XFC");
@@ -72,11 +69,11 @@ QHash<const void*, QString> file_name_rewrites(Element* root)
     QVector<QPair<Attributes::Base::String*, QString>> names; // attribute, code it must start with
     walk(root, [&](Element* e) {
         using namespace Elements::Base;
-        if (tag_is(e, "GRD"))
+        if (e->is_kind("GRD"))
             names.append({&static_cast<Grid*>(e)->filename, QStringLiteral("GRD")});
-        else if (tag_is(e, "PNT"))
+        else if (e->is_kind("PNT"))
             names.append({&static_cast<Elements::Base::Point*>(e)->filename, QStringLiteral("PNT")});
-        else if (tag_is(e, "XFR"))
+        else if (e->is_kind("XFR"))
             names.append({&static_cast<External_file_reference*>(e)->filename, QString()});
     });
     QSet<QString> used;
@@ -375,7 +372,7 @@ bool read_document(XML_interface& xi, const QSharedPointer<Element_man>& man, co
     if (!root) {
         root = QSharedPointer<Elements::Base::Task_data>::create(man.toWeakRef());
         man->set_root(root);
-    } else if (!tag_is(root.data(), Elements::Base::Task_data::static_kind().tag)) {
+    } else if (!root->is_kind(Elements::Base::Task_data::static_kind().tag)) {
         xi.set_fail(tr("The manager's root is not a task data root"));
         return false;
     }
@@ -763,9 +760,9 @@ QVector<Task_data_files::Referenced_file> Task_data_files::referenced_files(cons
     };
     walk(root.data(), [&](Element* e) {
         const char* tag = e->kind().tag;
-        if (tag_is(e, "GRD")) {
+        if (e->is_kind("GRD")) {
             add_named(static_cast<Grid*>(e)->filename, QStringLiteral(".BIN"), tag);
-        } else if (tag_is(e, "TLG")) {
+        } else if (e->is_kind("TLG")) {
             auto t = static_cast<Time_log*>(e);
             if (t->filename.has_number()) {
                 const QString base = t->filename.get_as_string();
@@ -773,11 +770,11 @@ QVector<Task_data_files::Referenced_file> Task_data_files::referenced_files(cons
                 add(base + QStringLiteral(".XML"), tag, read.isEmpty() ? read : read + QStringLiteral(".XML"));
                 add(base + QStringLiteral(".BIN"), tag, read.isEmpty() ? read : read + QStringLiteral(".BIN"));
             }
-        } else if (tag_is(e, "PNT")) {
+        } else if (e->is_kind("PNT")) {
             add_named(static_cast<Elements::Base::Point*>(e)->filename, QStringLiteral(".BIN"), tag);
-        } else if (tag_is(e, "AFE")) {
+        } else if (e->is_kind("AFE")) {
             add(static_cast<Attached_file*>(e)->filename.get_string(), tag);
-        } else if (tag_is(e, "XFR")) {
+        } else if (e->is_kind("XFR")) {
             add_named(static_cast<External_file_reference*>(e)->filename, QStringLiteral(".XML"), tag);
         }
     });

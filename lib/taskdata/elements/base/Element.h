@@ -33,6 +33,7 @@
 #include <QWeakPointer>
 
 #include <atomic>
+#include <cstring>
 #include <functional>
 #include <type_traits>
 #include <utility>
@@ -181,6 +182,8 @@ public:
     virtual void register_lookup(const QSharedPointer<Element>& self, int old_id, int new_id, const QString& prefix) = 0;
     // The static description of the kind.
     virtual const Kind_info& kind() const = 0;
+    // Whether this element is of the kind with that tag ("PNT").
+    bool is_kind(const char* tag) const { return std::strcmp(kind().tag, tag) == 0; }
 
     // --- non-virtual entries ---
     bool save_xml(const QSharedPointer<Element>& self, QXmlStreamWriter& w, XML_interface& xi,

@@ -8,7 +8,6 @@
 #include <QGraphicsScene>
 #include <QLineF>
 
-#include <cstring>
 #include <cmath>
 #include <limits>
 
@@ -18,8 +17,6 @@ namespace Elements {
 namespace Base {
 
 namespace {
-bool is(const Element& e, const char* tag) { return std::strcmp(e.kind().tag, tag) == 0; }
-
 void append_point(const Point& p, QVector<QPointF>& out)
 {
     if (const Point_list* list = p.binary_points()) {
@@ -46,8 +43,10 @@ void for_each_geometry_child(const Element& e, const F& f)
 
 bool has_geometry(const Element& e)
 {
-    return is(e, "PNT") || is(e, "LSG") || is(e, "PLN") || is(e, "PFD") || is(e, "GPN") || is(e, "GGP") ||
-           is(e, "TZN");
+    for (const char* tag : {"PNT", "LSG", "PLN", "PFD", "GPN", "GGP", "TZN"})
+        if (e.is_kind(tag))
+            return true;
+    return false;
 }
 
 // Closest point of a segment to p, in metres about p.
@@ -67,9 +66,9 @@ namespace Element_geometry {
 QVector<QPointF> positions(const Element& e)
 {
     QVector<QPointF> out;
-    if (is(e, "PNT"))
+    if (e.is_kind("PNT"))
         append_point(static_cast<const Point&>(e), out);
-    else if (is(e, "LSG"))
+    else if (e.is_kind("LSG"))
         for (const auto& c : static_cast<const Linestring&>(e).points.elements())
             append_point(static_cast<const Point&>(*c), out);
     return out;
@@ -149,7 +148,7 @@ bool Element::find_closest_point(QPointF position, QPointF& closest, bool recurs
         }
     };
     const QVector<QPointF> own = Element_geometry::positions(*this);
-    if (is(*this, "LSG") && own.size() >= 2) {
+    if (is_kind("LSG") && own.size() >= 2) {
         for (int i = 0; i + 1 < own.size(); ++i)
             consider_metres(closest_on_segment(sf.to_metres_from_ref(own[i]), sf.to_metres_from_ref(own[i + 1])));
     } else {
@@ -157,7 +156,7 @@ bool Element::find_closest_point(QPointF position, QPointF& closest, bool recurs
             consider_metres(sf.to_metres_from_ref(p));
     }
     // Line strings are made of points: their own test already covered them.
-    if ((recurse || is(*this, "PLN")) && !is(*this, "LSG")) {
+    if ((recurse || is_kind("PLN")) && !is_kind("LSG")) {
         for_each_geometry_child(*this, [&](const Element& c) {
             if (!has_geometry(c))
                 return;
@@ -207,20 +206,20 @@ void Element::add_to_scene(QGraphicsScene& graphics, Scene& scene)
             out.append(scene.llh_to_scene(p));
         return out;
     };
-    if (is(*this, "PNT")) {
+    if (is_kind("PNT")) {
         const QPointF r = scene.dmetres_to_dscene(QPointF(1.0, 1.0));
         for (const QPointF& p : to_scene(Element_geometry::positions(*this)))
             graphics.addEllipse(QRectF(p - r, p + r), QPen(Qt::black, 0), QBrush(Qt::yellow));
         return;
     }
-    if (is(*this, "LSG")) {
+    if (is_kind("LSG")) {
         const auto& lsg = static_cast<const Linestring&>(*this);
         Polyline line(to_scene(Element_geometry::positions(*this)), QPointF());
         const bool ring = lsg.type.get_val() <= 2 || lsg.type.get_val() == 9;
         line.add_to_scene(graphics, QPen(ring ? Qt::darkGreen : Qt::blue, 0), QBrush(), true, ring);
         return;
     }
-    if (is(*this, "PLN")) {
+    if (is_kind("PLN")) {
         // Exterior rings filled, interior ones cut out; other line strings drawn as lines.
         const auto& pln = static_cast<const Elements::Base::Polygon&>(*this);
         TC::Task_data::Polygon shape;

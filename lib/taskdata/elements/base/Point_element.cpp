@@ -6,8 +6,6 @@
 #include <QXmlStreamReader>
 #include <QXmlStreamWriter>
 
-#include <cstring>
-
 namespace TC {
 namespace Task_data {
 
@@ -99,7 +97,7 @@ void Point_list::to_element(Elements::Base::Element& element) const
 bool Point_list::load_xml(const QSharedPointer<Elements::Base::Element>& element, QXmlStreamReader& r,
                           XML_interface& xi)
 {
-    if (!element || std::strcmp(element->kind().tag, "PNT") != 0)
+    if (!element || !element->is_kind("PNT"))
         return false;
     if (!element->load_xml(element, r, xi))
         return false;
@@ -116,7 +114,7 @@ bool Point_list::load_xml(const QSharedPointer<Elements::Base::Element>& element
 bool Point_list::save_xml(const QSharedPointer<Elements::Base::Element>& element, QXmlStreamWriter& w,
                           XML_interface& xi) const
 {
-    if (!element || std::strcmp(element->kind().tag, "PNT") != 0)
+    if (!element || !element->is_kind("PNT"))
         return false;
     if (get_is_binary()) {
         to_element(*element);
@@ -133,7 +131,6 @@ bool Point_list::save_xml(const QSharedPointer<Elements::Base::Element>& element
     }
     return true;
 }
-
 
 namespace Elements {
 namespace Base {

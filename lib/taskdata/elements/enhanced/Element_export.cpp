@@ -11,8 +11,6 @@
 #include <QLocale>
 #include <QTextTable>
 
-#include <cstring>
-
 namespace TC {
 namespace Task_data {
 namespace Elements {
@@ -20,14 +18,12 @@ namespace Base {
 
 namespace {
 
-bool is(const Element& e, const char* tag) { return std::strcmp(e.kind().tag, tag) == 0; }
-
 // Kinds a report shows, and under which parents.
 bool reported(const Element& e)
 {
     static const char* const tags[] = {"CTR", "FRM", "PFD", "PDT", "DVC", "TSK", "TLG"};
     for (const char* t : tags)
-        if (is(e, t))
+        if (e.is_kind(t))
             return true;
     return false;
 }
@@ -120,7 +116,7 @@ void Element::document_export(Export_properties& props)
 void Element::document_export_extra(Export_properties& props)
 {
     QVector<QPair<QString, QString>> values;
-    if (is(*this, "PFD")) {
+    if (is_kind("PFD")) {
         const auto f = Element_geometry::field_figures(static_cast<const Partfield&>(*this));
         if (f.boundaries.isEmpty()) {
             values.append({QObject::tr("Boundary"), QObject::tr("none")});
@@ -130,7 +126,7 @@ void Element::document_export_extra(Export_properties& props)
             values.append({QObject::tr("Perimeter"),
                            QStringLiteral("%1 %2").arg(number(props.length(f.perimeter_m), 0), props.length_unit())});
         }
-    } else if (is(*this, "TLG")) {
+    } else if (is_kind("TLG")) {
         Enhanced::Log_helper log(get_sp().staticCast<Time_log>());
         if (!log.ok()) {
             values.append({QObject::tr("Time log"), log.fail_text()});
