@@ -781,19 +781,21 @@ void Element::notify_attribute_updated(const QSharedPointer<Element>& self, Attr
         return;
     }
     // The payload is built only when someone listens: a change nobody receives costs the
-    // counter, the stamps and one look at each ancestor.
-    if (!_notify_updated(self, attribute))
+    // counter and one walk up the tree.
+    Listeners listeners;
+    if (!_notify_updated(self, attribute, nullptr, &listeners))
         return;
     if (const Event_hooks* h = event_hooks())
-        h->post_attribute(Base_attribute_update(self, attribute));
+        h->post_attribute(Base_attribute_update(self, attribute), listeners);
 }
 
 void Element::notify_updated(const Base_attribute_update& event)
 {
-    if (!event.element || !_notify_updated(event.element, event.attribute))
+    Listeners listeners;
+    if (!event.element || !_notify_updated(event.element, event.attribute, nullptr, &listeners))
         return;
     if (const Event_hooks* h = event_hooks())
-        h->post_attribute(event);
+        h->post_attribute(event, listeners);
 }
 
 void Element::notify_changed(unsigned update_type)
@@ -803,41 +805,46 @@ void Element::notify_changed(unsigned update_type)
         notify_updated(Base_attribute_update(self, nullptr));
         return;
     }
-    if (!_notify_updated(self, nullptr))
+    Listeners listeners;
+    if (!_notify_updated(self, nullptr, nullptr, &listeners))
         return;
     if (const Event_hooks* h = event_hooks())
-        h->post_binary_modified(Base_typed_update<binary_modified>(self));
+        h->post_binary_modified(Base_typed_update<binary_modified>(self), listeners);
 }
 
 void Element::notify_child(const QSharedPointer<Element>& self, Element_list* list, int index, Update_type type)
 {
-    if (!_notify_updated(self, nullptr, list))
+    Listeners listeners;
+    if (!_notify_updated(self, nullptr, list, &listeners))
         return;
     const Event_hooks* h = event_hooks();
     if (!h)
         return;
     if (type == child_added)
-        h->post_child_added(Base_child_update<child_added>(self, list, index));
+        h->post_child_added(Base_child_update<child_added>(self, list, index), listeners);
     else
-        h->post_child_removed(Base_child_update<child_removed>(self, list, index));
+        h->post_child_removed(Base_child_update<child_removed>(self, list, index), listeners);
 }
 
 void Element::notify_binary_appended(const QSharedPointer<Element>& self)
 {
-    bool listening = false;
+    const Event_hooks* h = event_hooks();
+    if (!h)
+        return;
+    Listeners listeners;
     {
         Tree_guard tree;
-        for (Element* e = this; e && !listening; e = e->m_parent)
-            if (Extras* x = e->m_extras.get())
-                listening = x->receiver_entries.load(std::memory_order_acquire) != 0;
+        for (Element* e = this; e; e = e->m_parent)
+            if (e->receiver_count() != 0)
+                if (QSharedPointer<Element> keep = e == this ? self : e->sharedFromThis())
+                    listeners.append(std::move(keep));
     }
-    if (!listening)
-        return;
-    if (const Event_hooks* h = event_hooks())
-        h->post_binary_appended(Base_typed_update<binary_appended>(self));
+    if (!listeners.isEmpty())
+        h->post_binary_appended(Base_typed_update<binary_appended>(self), listeners);
 }
 
-bool Element::_notify_updated(const QSharedPointer<Element>& self, Attribute* attribute, Element_list* list)
+bool Element::_notify_updated(const QSharedPointer<Element>& self, Attribute* attribute, Element_list* list,
+                              Listeners* listeners)
 {
     QSharedPointer<Element_man> m = man();
     const quint64 stamp = m ? m->bump_change_counter() : m_stamp.load(std::memory_order_relaxed) + 1;
@@ -864,13 +871,19 @@ bool Element::_notify_updated(const QSharedPointer<Element>& self, Attribute* at
             Extras* x = e->m_extras.get();
             if (!x)
                 continue;
-            listening |= x->receiver_entries.load(std::memory_order_acquire) != 0;
-            if (hooks && !x->named_signals.empty()) {
-                // An ancestor whose last reference is gone is being destroyed: not signalled.
-                QSharedPointer<Element> keep = e == this ? self : e->sharedFromThis();
-                if (keep)
-                    signalled.append(std::move(keep));
-            }
+            const bool receivers = x->receiver_entries.load(std::memory_order_acquire) != 0;
+            const bool named = hooks && !x->named_signals.empty();
+            listening |= receivers;
+            if (!named && !(receivers && listeners && hooks))
+                continue;
+            // An ancestor whose last reference is gone is being destroyed: not served.
+            QSharedPointer<Element> keep = e == this ? self : e->sharedFromThis();
+            if (!keep)
+                continue;
+            if (receivers && listeners && hooks)
+                listeners->append(keep);
+            if (named)
+                signalled.append(std::move(keep));
         }
     }
     for (const QSharedPointer<Element>& e : signalled)
@@ -878,21 +891,9 @@ bool Element::_notify_updated(const QSharedPointer<Element>& self, Attribute* at
     return listening;
 }
 
-void Element::_post_event(Elements::Client::Event_sender& sender)
+void Element::_post_event(Elements::Client::Event_sender& sender, const Listeners& listeners)
 {
-    // The elements of the walk that have receivers, leaf first, kept alive: an ancestor taken
-    // out of the tree meanwhile stays valid until its receivers were served.
-    QVarLengthArray<QSharedPointer<Element>, 4> listening;
-    {
-        Tree_guard tree;
-        for (Element* e = this; e; e = e->m_parent) {
-            Extras* x = e->m_extras.get();
-            if (x && x->receiver_entries.load(std::memory_order_acquire) != 0)
-                if (QSharedPointer<Element> keep = e->sharedFromThis())
-                    listening.append(std::move(keep));
-        }
-    }
-    for (const QSharedPointer<Element>& e : listening) {
+    for (const QSharedPointer<Element>& e : listeners) {
         Extras* x = e->m_extras.get();
         QMutexLocker guard(&x->receivers_lock);
         bool dead = false;

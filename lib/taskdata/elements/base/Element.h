@@ -28,6 +28,7 @@
 #include <QStringList>
 #include <QSharedPointer>
 #include <QUuid>
+#include <QVarLengthArray>
 #include <QVariant>
 #include <QVector>
 #include <QWeakPointer>
@@ -83,17 +84,21 @@ using Base_typed_update = Typed_update_event<T, QSharedPointer<Element>>;
 // A receiver of update events: guarded, it turns null when the object is destroyed.
 using Event_receiver = QPointer<QObject>;
 
+// The elements of one change's walk that have event receivers, leaf first, kept alive until
+// their receivers were served (an ancestor taken out of the tree meanwhile stays valid).
+using Listeners = QVarLengthArray<QSharedPointer<Element>, 4>;
+
 // How a change reaches receivers and named signals in client terms. This layer cannot name the
 // client handles, so the client layer fills this table when the library is loaded; until then
 // changes are stamped but not delivered. Every function runs on the changing thread.
 struct Event_hooks
 {
-    // Convert to the client payload and call _post_event on the payload's element.
-    void (*post_attribute)(const Base_attribute_update&);
-    void (*post_child_added)(const Base_child_update<child_added>&);
-    void (*post_child_removed)(const Base_child_update<child_removed>&);
-    void (*post_binary_appended)(const Base_typed_update<binary_appended>&);
-    void (*post_binary_modified)(const Base_typed_update<binary_modified>&);
+    // Convert to the client payload and post it to the listeners' receivers (_post_event).
+    void (*post_attribute)(const Base_attribute_update&, const Listeners&);
+    void (*post_child_added)(const Base_child_update<child_added>&, const Listeners&);
+    void (*post_child_removed)(const Base_child_update<child_removed>&, const Listeners&);
+    void (*post_binary_appended)(const Base_typed_update<binary_appended>&, const Listeners&);
+    void (*post_binary_modified)(const Base_typed_update<binary_modified>&, const Listeners&);
     // Emits "updated" for `element` (and, with an attribute, for the attribute) on `sender`.
     void (*emit_updated)(Util::Signal_sender& sender, const QSharedPointer<Element>& element,
                          Attributes::Base::Attribute* attribute);
@@ -284,12 +289,14 @@ public:
     void notify_child(const QSharedPointer<Element>& self, Element_list* list, int index, Update_type type);
     // Entry of binary data appended (time logs): posted to receivers, no stamp changes.
     void notify_binary_appended(const QSharedPointer<Element>& self);
-    // Counter, stamps and named signals of a change (`list` is stamped too when given).
-    // Answers whether this element or an ancestor has event receivers.
-    bool _notify_updated(const QSharedPointer<Element>& self, Attribute* attribute, Element_list* list = nullptr);
-    // The delivery walk: every live receiver of this element, then of its parent, and so on to
-    // the root, gets one send(); dead receivers met on the way are removed.
-    void _post_event(Elements::Client::Event_sender& sender);
+    // Counter, stamps and named signals of a change (`list` is stamped too when given), in one
+    // walk to the root that also collects the elements with event receivers into `listeners`.
+    // Answers whether there are any.
+    bool _notify_updated(const QSharedPointer<Element>& self, Attribute* attribute, Element_list* list = nullptr,
+                         Listeners* listeners = nullptr);
+    // Delivery: every live receiver of each listener (leaf first) gets one send(); dead
+    // receivers met on the way are removed.
+    static void _post_event(Elements::Client::Event_sender& sender, const Listeners& listeners);
     // Receivers get every change of this element and of everything below it. The same receiver
     // registered twice gets two events per change. The caller holds the data lock.
     bool register_for_events(const QSharedPointer<Element>& self, QObject* receiver);

@@ -45,11 +45,11 @@ namespace {
 
 // One payload for the whole walk, shared by every event posted for this change.
 template <class B>
-void post(const B& e)
+void post(const B& e, const Base::Listeners& listeners)
 {
     using P = decltype(Base::from_base(e));
     typename Qt_event<P>::Sender sender(Base::from_base(e));
-    e.element->_post_event(sender);
+    Base::Element::_post_event(sender, listeners);
 }
 
 void emit_updated(Util::Signal_sender& signals_of, const QSharedPointer<Base::Element>& element,
