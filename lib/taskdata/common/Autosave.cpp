@@ -206,14 +206,9 @@ void XML_interface_private::Autosave::save_individual(const QSharedPointer<Eleme
         ok = list->individual_file_data(element, xml, data);
     }
     const int objects = xml.objects_done();
-    QString error;
-    ok = ok && xml.write_file_atomic(xml.outfilepath(name), data, &error);
+    ok = ok ? Element_list::write_individual_file(xml, name, data) : Element_list::individual_file_failed(xml, name);
     xml.set_partial_save_state(0);
     ++m_writes;
-    if (!ok) {
-        fprintf(stderr, "Failed to generate %s.XML\n", name.left(name.size() - 4).toUtf8().constData());
-        xml.set_fail(error);
-    }
     if (!tracing())
         return;
     if (ok)

@@ -100,16 +100,27 @@ bool Element_list::individual_file_data(const QSharedPointer<Element>& child, XM
     return ok;
 }
 
+bool Element_list::individual_file_failed(XML_interface& xi, const QString& name, const QString& error)
+{
+    fprintf(stderr, "Failed to generate %s.XML\n", name.left(name.size() - 4).toUtf8().constData());
+    xi.set_fail(error.isEmpty() ? xi.fail_text() : error);
+    return false;
+}
+
 bool Element_list::save_individual_file(const QSharedPointer<Element>& child, XML_interface& xi)
 {
     const QString name = individual_file_name(*child, m_tag);
     QByteArray data;
+    if (!individual_file_data(child, xi, data))
+        return individual_file_failed(xi, name);
+    return write_individual_file(xi, name, data);
+}
+
+bool Element_list::write_individual_file(XML_interface& xi, const QString& name, const QByteArray& data)
+{
     QString error;
-    if (!individual_file_data(child, xi, data) || !xi.write_file_atomic(xi.outfilepath(name), data, &error)) {
-        fprintf(stderr, "Failed to generate %s.XML\n", name.left(name.size() - 4).toUtf8().constData());
-        xi.set_fail(error.isEmpty() ? xi.fail_text() : error);
-        return false;
-    }
+    if (!xi.write_file_atomic(xi.outfilepath(name), data, &error))
+        return individual_file_failed(xi, name, error);
     xi.note_used_file(name);
     return true;
 }

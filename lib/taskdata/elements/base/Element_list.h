@@ -52,6 +52,11 @@ public:
     bool individual_file_data(const QSharedPointer<Element>& child, XML_interface& xi, QByteArray& data);
     // Writes that file, whole. False after "Failed to generate %s.XML\n".
     bool save_individual_file(const QSharedPointer<Element>& child, XML_interface& xi);
+    // Writes the file `name` made by individual_file_data (the data can be made while the tree is
+    // held and written after), whole. False after "Failed to generate %s.XML\n".
+    static bool write_individual_file(XML_interface& xi, const QString& name, const QByteArray& data);
+    // Reports that the file `name` could not be made or written: always false.
+    static bool individual_file_failed(XML_interface& xi, const QString& name, const QString& error = QString());
     // Reads one child from a file of its own (its root is the child's tag), in place at `index`:
     // with Fast_xml_reader when the file passes its prescan, else with QXmlStreamReader.
     bool load_individual_file(const QSharedPointer<Element>& owner, const QString& filename, XML_interface& xi,
