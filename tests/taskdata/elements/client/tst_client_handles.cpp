@@ -1,7 +1,6 @@
 // Client handles: every accessor of a few kinds, generated from the catalogue, on a live element
-// (the value goes in and comes back) and on an erased one (the empty result, nothing changed);
-// the generic operations of handles, lists and attribute handles on erased elements; identity,
-// lookup by number, list limits and the manager handle.
+// (the value goes in and comes back) and on an erased one (the empty result, nothing changed),
+// the generic operations on an erased element; identity, lookup, list limits, the manager.
 #include <taskdata/elements/client/Elements.h>
 
 #include <QTemporaryDir>
@@ -23,7 +22,7 @@ struct Fixture
 {
     C::Element_man eman = C::Element_man::create();
     C::Task_data root = eman.create_client_root();
-    using Handles = std::tuple<C::Task, C::Device, C::Time, C::Point, C::Process_data_variable, C::Link>;
+    using Handles = std::tuple<C::Task, C::Device, C::Time, C::Process_data_variable, C::Link>;
     Handles live;
     Handles dead;
     C::Task spare_task = root.create_task(); // a live child for adding to dead lists
@@ -38,12 +37,11 @@ struct Fixture
     Handles make()
     {
         C::Task task = root.create_task();
-        C::Partfield field = root.create_partfield();
         auto link_root = QSharedPointer<Base::Link_lst>::create(eman.get_eman_real().toWeakRef());
         auto group = link_root->groups.create();
         targets << link_root;
         const C::Link link(group->links.create());
-        return {task, root.create_device(), task.create_time(), field.create_point(),
+        return {task, root.create_device(), task.create_time(),
                 task.create_treatment_zone().create_process_data_variable(), link};
     }
     quint64 counter() const { return eman.get_eman_real()->change_counter(); }
@@ -145,9 +143,6 @@ void add_generated_rows()
 #define CLS Time
     ROWS(Time)
 #undef CLS
-#define CLS Point
-    ROWS(Point)
-#undef CLS
 #define CLS Process_data_variable
     ROWS(Process_data_variable)
 #undef CLS
@@ -162,55 +157,34 @@ void add_generic_rows()
     using E = const C::Task&;
     const std::pair<const char*, std::function<bool(E, Fixture&)>> ops[] = {
         {"identity", [](E h, Fixture&) {
-             return !h.valid() && h.get_id() == 0 && h.get_uid().isEmpty() && h.get_full_id().isEmpty() &&
-                    h.get_tag().isEmpty() && QByteArray(h.get_ctag()).isEmpty() && h.get_guid().isNull() &&
-                    !h.set_guid(QUuid::createUuid());
+             return !h.valid() && h.get_uid().isEmpty() && QByteArray(h.get_ctag()).isEmpty() &&
+                    !h.set_guid(QUuid::createUuid()) && h.generate_default_designator().isEmpty();
          }},
-        {"names", [](E h, Fixture&) {
-             return h.designator().isEmpty() && h.generate_default_designator().isEmpty() &&
-                    h.get_name().isEmpty() && h.get_tr_cname().isEmpty() && h.get_tr_attribute_name(0).isEmpty() &&
-                    h.print().isEmpty();
-         }},
-        {"attributes", [](E h, Fixture&) {
-             return h.num_attributes() == 0 && !h.attribute(0).valid() && !h.attribute("B").valid() &&
-                    h.get_attribute_name(1).isEmpty() && h.get_attribute_variant(1).isNull() && h.get_flags(1) == 0 &&
-                    !h.set_flag(1, AB::Attribute::flag_valid) && !h.set_attributes_to_default() &&
-                    !h.add("P094_x", "1");
-         }},
-        {"tree", [](E h, Fixture& f) {
-             C::Element spare = f.spare_task;
-             return !h.get_parent().valid() && !h.get_root().valid() && !h.parent_list().valid() &&
-                    h.index_in_parent() == -1 && h.num_children() == 0 && !h.child(0).valid() &&
-                    h.num_element_lists() == 0 && !h.element_list(0).valid() && !h.create_from_list(0).valid() &&
-                    !h.add_to_list(spare, 0) && !h.copy_child(0, 0).valid() && !h.remove_element_child(0, 0) &&
-                    !h.copy(f.spare_task, f.eman) && !C::Element(f.spare_task).copy(h, f.eman) && !h.kill();
-         }},
-        {"links and parameters", [](E h, Fixture&) {
-             return h.get_linked_elements().isEmpty() && h.get_linked_element_ids().isEmpty() &&
-                    !h.pe_set_value("k", 1) && !h.pe_contains("k") && h.pe_value("k", 7).toInt() == 7 &&
-                    !h.pe_remove_value("k");
-         }},
-        {"events", [](E h, Fixture&) {
-             QObject r;
-             return !h.register_for_events(&r) && !h.unregister_for_events(&r) &&
-                    !h.connect(SIGNAL(destroyed()), &r, SLOT(deleteLater())) && h.stamp(false, true, true) == 0;
-         }},
-        {"files", [](E h, Fixture&) {
-             QTemporaryDir dir;
-             const QByteArray path = dir.filePath("task.xml").toLocal8Bit();
-             return h.to_xml().isEmpty() && !h.save_to_xml(path.constData()) && !QFile::exists(path) &&
-                    !h.find_latest_time().isValid() && !h.get_eman() && !h.get_element_man().valid();
-         }},
-        {"list handle", [](E h, Fixture& f) {
-             const C::Element_list l(h, int(Base::Task::lidx_times));
-             return !l.valid() && l.count() == 0 && !l[0].valid() && !l.add(f.spare_task) && !l.clear() &&
-                    !l.create_from_list().valid() && !l.copy_child(f.spare_task).valid() && l.get_tag().isEmpty() &&
-                    l.max_items() == 0;
-         }},
-        {"attribute handles", [](E h, Fixture&) {
-             return !h.get_base_elem() && !h.status_attribute().set_val(2) && h.status_attribute().get_val() == 0 &&
+        {"attributes and parameters", [](E h, Fixture&) {
+             return !h.attribute(0).valid() && !h.attribute("B").valid() && !h.set_attributes_to_default() &&
+                    !h.add("P094_x", "1") && h.get_linked_elements().isEmpty() && !h.pe_set_value("k", 1) &&
+                    h.pe_value("k", 7).toInt() == 7 && !h.get_base_elem() && !h.status_attribute().set_val(2) &&
                     !h.designator_attribute().set_string("x") && !h.partfield_attribute().get_target().valid() &&
                     !h.designator_attribute().connect(SIGNAL(destroyed()), nullptr, SLOT(deleteLater()));
+         }},
+        {"tree and lists", [](E h, Fixture& f) {
+             C::Element spare = f.spare_task;
+             const C::Element_list l(h, int(Base::Task::lidx_times));
+             return !h.get_parent().valid() && h.index_in_parent() == -1 && !h.child(0).valid() &&
+                    !h.create_from_list(0).valid() && !h.add_to_list(spare, 0) && !h.copy_child(0, 0).valid() &&
+                    !h.remove_element_child(0, 0) && !h.copy(f.spare_task, f.eman) &&
+                    !C::Element(f.spare_task).copy(h, f.eman) && !h.kill() && !l.valid() && l.count() == 0 &&
+                    !l[0].valid() && !l.add(f.spare_task) && !l.clear() && !l.create_from_list().valid() &&
+                    !l.copy_child(f.spare_task).valid() && l.max_items() == 0;
+         }},
+        {"events and files", [](E h, Fixture&) {
+             QObject r;
+             QTemporaryDir dir;
+             const QByteArray path = dir.filePath("task.xml").toLocal8Bit();
+             return !h.register_for_events(&r) && !h.unregister_for_events(&r) &&
+                    !h.connect(SIGNAL(destroyed()), &r, SLOT(deleteLater())) && h.stamp(false, true, true) == 0 &&
+                    h.to_xml().isEmpty() && !h.save_to_xml(path.constData()) && !QFile::exists(path) &&
+                    !h.find_latest_time().isValid() && !h.get_eman() && !h.get_element_man().valid();
          }},
     };
     for (const auto& op : ops) {
@@ -265,20 +239,14 @@ void Tst_client_handles::identity_and_lookup()
 {
     Fixture f;
     const C::Task task = std::get<C::Task>(f.live);
-    const C::Task copy = task;
-    QVERIFY(task.set_designator("changed"));
-    QVERIFY(copy == task);
+    const C::Device device = std::get<C::Device>(f.live);
     QVERIFY(C::Element(task) == C::Element(task.get_base_elem()));
     QVERIFY(!(C::Element(task) == C::Element(f.spare_task)));
     QVERIFY(!C::Device(C::Element(task)).valid()); // a handle of another kind is empty
-    QVERIFY(C::Task(C::Element(task)) == task);
-
-    QVERIFY(task.set_id(17));
-    QVERIFY(std::get<C::Device>(f.live).set_id(17));
+    QVERIFY(task.set_id(17) && device.set_id(17));
     QCOMPARE(f.eman.find_element<C::Task>(17), task);
-    QCOMPARE(f.eman.find_element<C::Device>(17), std::get<C::Device>(f.live));
+    QCOMPARE(f.eman.find_element<C::Device>(17), device);
     QVERIFY(!f.eman.find_element<C::Task>(18).valid());
-    QVERIFY(!f.eman.find_element<C::Partfield>(17).valid());
     QCOMPARE(std::get<C::Time>(f.live).find_element<C::Task>(17), task);
 
     // Paths run up to the nearest ancestor with an identifier, positions counted from 1.
@@ -287,13 +255,11 @@ void Tst_client_handles::identity_and_lookup()
     polygon.create_line_string();
     const C::Point point = polygon.create_line_string().create_point();
     QCOMPARE(point.get_full_id(), field.get_uid() + "/PLN[1]/LSG[2]/PNT[1]");
-    QCOMPARE(point.index_in_parent(), 0);
     QCOMPARE(C::Element(point.get_parent()).index_in_parent(), 1);
     QCOMPARE(task.get_full_id(), task.get_uid());
     QCOMPARE(f.root.get_full_id(), f.root.get_tag());
 
     QVERIFY(f.root.set_current_task(task));
-    QCOMPARE(f.root.current_task(), task);
     QVERIFY(task.kill());
     QVERIFY(!f.root.current_task().valid());
 }
@@ -302,41 +268,33 @@ void Tst_client_handles::list_limits()
 {
     Fixture f;
     const C::Task task = std::get<C::Task>(f.live);
-    QCOMPARE(task.grids().max_items(), 1);
-    QCOMPARE(task.times().max_items(), 0);
     QVERIFY(task.create_grid().valid());
-    QVERIFY(!task.create_grid().valid());
-    QCOMPARE(task.grids_count(), 1);
+    QVERIFY(!task.create_grid().valid()); // one grid at most
     const C::Grid loose(QSharedPointer<Base::Grid>::create(f.eman.get_eman_real().toWeakRef()));
     QVERIFY(!task.add_grid(loose));
     QVERIFY(!task.times().add(loose)); // another kind
-    QCOMPARE(task.grids().get_version_introduced(), 0);
-    QCOMPARE(task.control_assignments().get_version_introduced(), 4);
+    QCOMPARE(task.grids_count(), 1);
 }
 
+// A manager keeps the version a document was read in; state belongs to the manager, not to the
+// handle; destroying it takes the tree with it.
 void Tst_client_handles::manager_saves_and_loads()
 {
     QTemporaryDir dir;
     Fixture f;
-    C::Task task = std::get<C::Task>(f.live);
+    const C::Task task = std::get<C::Task>(f.live);
     QVERIFY(task.set_designator("Spraying"));
-    QVERIFY(task.set_partfield(f.root.create_partfield()));
     f.eman.set_xml_version(3);
     QVERIFY(f.eman.save_to_xml(dir.path().toLocal8Bit().constData()));
-    QCOMPARE(f.eman.get_taskdata_save_path(), dir.path());
-
     C::Element_man other = C::Element_man::create();
     QVERIFY(other.load_from_xml(dir.path().toLocal8Bit().constData()));
     QCOMPARE(other.get_xml_version(), 3);
+    QCOMPARE(C::Element_man(other.get_eman_real()).get_taskdata_load_path(), dir.path());
     const C::Task loaded = other.find_element<C::Task>(task.id());
     QCOMPARE(loaded.designator(), QString("Spraying"));
-    QCOMPARE(loaded.partfield().id(), task.partfield().id());
-    QVERIFY(C::Element_man(other.get_eman_real()).get_taskdata_load_path() == dir.path());
-
     other.destroy();
     QVERIFY(!other.valid());
-    QVERIFY(!loaded.valid()); // the tree went with it
-    QVERIFY(!other.get_client_root().valid());
+    QVERIFY(!loaded.valid());
 }
 
 QTEST_GUILESS_MAIN(Tst_client_handles)
