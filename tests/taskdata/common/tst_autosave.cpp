@@ -1,5 +1,5 @@
-// Autosave: when a change is written (at once, after a burst, never twice), what a flush waits
-// for, the trace, and a child process killed while it edits and autosaves, whose directory must
+// Autosave: when a change is written (at once, after a burst, never twice) and its trace, what a
+// flush waits for, and a child process killed while it edits and autosaves, whose directory must
 // keep every change it confirmed.
 #include <taskdata/common/Autosave.h>
 #include <taskdata/common/XML_interface.h>
@@ -24,8 +24,6 @@ namespace C = TC::Task_data::Elements::Client;
 using Autosave = XML_interface_private::Autosave;
 
 namespace {
-
-const char* const child_variable = "KTD_AUTOSAVE_CHILD_DIR";
 
 QByteArray file(const QString& dir, const QString& name)
 {
@@ -99,9 +97,6 @@ private slots:
     void deleted_element_writes_nothing();
     void sync_puts_everything_on_disk_data();
     void sync_puts_everything_on_disk();
-    void flush_with_empty_queue_returns_promptly();
-    void trace_data();
-    void trace();
     void killed_while_saving_keeps_what_it_confirmed();
 };
 
@@ -109,12 +104,12 @@ void tst_autosave::writes_data()
 {
     QTest::addColumn<int>("delay");
     QTest::addColumn<bool>("own_file");
-    QTest::addColumn<int>("queued");
-    QTest::addColumn<int>("timer_starts");
-    QTest::newRow("delay 0, main file") << 0 << false << 0 << 0;
-    QTest::newRow("delay 0, own file") << 0 << true << 0 << 0;
-    QTest::newRow("burst of ten, main file") << 60000 << false << 10 << 1;
-    QTest::newRow("burst of ten, own file") << 60000 << true << 10 << 1;
+    QTest::addColumn<QString>("trace"); // the whole trace of the write; empty: tracing off
+    QTest::newRow("delay 0, main file")
+        << 0 << false << R"(^ASave 1 \d+ (\d+) ISO11783_TaskData ''<\d+\.\1> TD \1\.0 \d+\n$)";
+    QTest::newRow("burst of ten, own file")
+        << 60000 << true << R"(^ASave 1 \d+ (\d+) TSK 'Changed 9'<\d+\.\1> E \d+ \d+ TSK 'Changed 9'\n$)";
+    QTest::newRow("delay 0, own file, not traced") << 0 << true << "";
 }
 
 // Delay 0 writes inside the handler, without the timer; ten changes within the delay are ten
@@ -123,28 +118,28 @@ void tst_autosave::writes()
 {
     QFETCH(int, delay);
     QFETCH(bool, own_file);
-    QFETCH(int, queued);
-    QFETCH(int, timer_starts);
-    Document doc;
+    QFETCH(QString, trace);
+    Document doc(!trace.isEmpty());
     auto a = static_cast<Autosave*>(doc.xi.set_autosave(doc.eman, false, delay));
     QVERIFY(a);
     const QString name = own_file ? doc.task_file() : QStringLiteral("TASKDATA.XML");
-    QVERIFY(file(doc.dir.path(), name).contains(own_file ? "Second" : "Customer")); // all written at the start
     const int before = a->writes();
+    Ktd_test::Capture_fd err(2);
     for (int i = 0; i < (delay ? 10 : 1); ++i) {
         const QString text = QStringLiteral("Changed %1").arg(i);
         QVERIFY(own_file ? doc.task.set_designator(text) : doc.customer.set_designator(text));
         QCoreApplication::sendPostedEvents(a);
     }
     QCOMPARE(a->writes() - before, delay ? 0 : 1);
-    QCOMPARE(a->queue_size(), queued);
-    QCOMPARE(a->timer_starts(), timer_starts);
-    QCOMPARE(a->timer_active(), timer_starts > 0);
+    QCOMPARE(a->queue_size(), delay ? 10 : 0);
+    QCOMPARE(a->timer_starts(), delay ? 1 : 0);
+    QCOMPARE(a->timer_active(), delay > 0);
     a->save_queued_elements();
     QCOMPARE(a->writes() - before, 1);
-    QCOMPARE(a->queue_size(), 0);
     QVERIFY(!a->timer_active());
     QVERIFY(file(doc.dir.path(), name).contains(delay ? "Changed 9" : "Changed 0"));
+    const QString traced = err.text();
+    QVERIFY2(QRegularExpression(trace.isEmpty() ? "^$" : trace).match(traced).hasMatch(), qPrintable(traced));
     const C::Element changed = own_file ? C::Element(doc.task) : C::Element(doc.customer);
     QCoreApplication::postEvent(a, new C::Attribute_update_qt_event(QSharedPointer<const C::Attribute_update>::create(
                                        changed, TC::Task_data::Attributes::Client::Attribute())));
@@ -158,7 +153,7 @@ void tst_autosave::deleted_element_writes_nothing_data()
     QTest::addColumn<bool>("before_delivery");
     QTest::addColumn<QString>("message");
     QTest::newRow("deleted after its change was queued") << false << QString();
-    QTest::newRow("deleted before its change arrived") << true << QString("Autosave no elem 94\n");
+    QTest::newRow("deleted before its change arrived") << true << QString("Autosave no elem 94");
 }
 
 void tst_autosave::deleted_element_writes_nothing()
@@ -183,102 +178,59 @@ void tst_autosave::deleted_element_writes_nothing()
     const int before = a->writes();
     a->save_queued_elements();
     QCOMPARE(a->writes() - before, before_delivery ? 1 : 0); // the root, for the removal
-    QCOMPARE(err.text().section(QLatin1Char('\n'), 0, 0) + (message.isEmpty() ? "" : "\n"),
-             message.isEmpty() ? QString() : message);
+    QCOMPARE(err.text().section(QLatin1Char('\n'), 0, 0), message);
     QCOMPARE(file(doc.dir.path(), own_name), own);
 }
 
 void tst_autosave::sync_puts_everything_on_disk_data()
 {
-    QTest::addColumn<int>("change");
+    QTest::addColumn<QString>("change");
     QTest::addColumn<QStringList>("expected");
-    QTest::newRow("attribute in the main file") << 0 << QStringList{"Synced", "First:0", "Second:0"};
-    QTest::newRow("attribute in an own file") << 1 << QStringList{"Customer", "First:0", "Second:7"};
-    QTest::newRow("child added") << 2 << QStringList{"Customer", "First:0", "Second:0", "Third:0"};
-    QTest::newRow("child removed") << 3 << QStringList{"Customer", "Second:0"};
+    QTest::newRow("nothing: the start's write") << "" << QStringList{"Customer", "First:0", "Second:0"};
+    QTest::newRow("attribute in the main file") << "customer" << QStringList{"Synced", "First:0", "Second:0"};
+    QTest::newRow("attribute in an own file") << "zone" << QStringList{"Customer", "First:0", "Second:7"};
+    QTest::newRow("child added") << "add" << QStringList{"Customer", "First:0", "Second:0", "Third:0"};
+    QTest::newRow("child removed") << "remove" << QStringList{"Customer", "Second:0"};
     // Delay 0: the autosave thread reads the tree while this one changes it (ThreadSanitizer).
-    QTest::newRow("changes while it writes") << 4 << QStringList{"Synced %1", "First:0", "Second:%2"};
+    QTest::newRow("changes while it writes") << "burst" << QStringList{"Synced %1", "First:0", "Second:%2"};
 }
 
-// On the background thread; with a delay that never passes in the test only the flush writes.
+// On the background thread, which exists when set_autosave returns; with a delay that never
+// passes in the test only the flush writes, and it does not wait for the delay.
 void tst_autosave::sync_puts_everything_on_disk()
 {
-    QFETCH(int, change);
+    QFETCH(QString, change);
     QFETCH(QStringList, expected);
     Document doc;
-    QVERIFY(doc.xi.set_autosave(doc.eman, true, change == 4 ? 0 : 600000));
+    QElapsedTimer clock;
+    clock.start();
+    QVERIFY(doc.xi.set_autosave(doc.eman, true, change == "burst" ? 0 : 600000));
     const C::Task_data root = doc.eman.get_client_root();
-    switch (change) {
-    case 0:
+    if (change == "customer") {
         doc.customer.set_designator("Synced");
-        break;
-    case 1:
+    } else if (change == "zone") {
         doc.task.set_default_treatment_zone(7);
-        break;
-    case 2:
+    } else if (change == "add") {
         root.create_task().set_designator("Third");
-        break;
-    case 3:
+    } else if (change == "remove") {
         root.remove_tasks(root.get_task(0));
-        break;
-    case 4: {
-        QElapsedTimer t;
-        t.start();
+    } else if (change == "burst") {
         int i = 0;
-        for (; t.elapsed() < 300; ++i) {
+        for (; clock.elapsed() < 300; ++i) {
             doc.customer.set_designator(QStringLiteral("Synced %1").arg(i));
             doc.task.set_default_treatment_zone(quint8(i % 256));
         }
         expected[0] = expected[0].arg(i - 1);
         expected[2] = expected[2].arg((i - 1) % 256);
-        break;
-    }
     }
     doc.xi.autosave_sync();
+    QVERIFY2(clock.elapsed() < 60000, qPrintable(QString::number(clock.elapsed())));
     QString error;
     QCOMPARE(flat(read_state(doc.dir.path(), &error)), expected);
     QVERIFY2(error.isEmpty(), qPrintable(error));
-}
-
-// The hand-shake: the autosave exists when set_autosave returns; a flush of nothing does not
-// wait for the delay.
-void tst_autosave::flush_with_empty_queue_returns_promptly()
-{
-    Document doc;
-    QVERIFY(doc.xi.set_autosave(doc.eman, true, 600000));
-    QVERIFY(doc.xi.is_autosave());
-    QElapsedTimer t;
-    t.start();
-    doc.xi.autosave_sync();
-    QVERIFY2(t.elapsed() < 60000, qPrintable(QString::number(t.elapsed())));
     doc.xi.set_autosave(C::Element_man(), true, 0);
     QVERIFY(!doc.xi.is_autosave());
     doc.xi.autosave_sync(); // off: returns at once
-}
-
-void tst_autosave::trace_data()
-{
-    QTest::addColumn<bool>("own_file");
-    QTest::addColumn<bool>("on");
-    QTest::addColumn<QString>("pattern");
-    QTest::newRow("main file") << false << true
-                               << R"(^ASave 1 \d+ (\d+) ISO11783_TaskData ''<\d+\.\1> TD \1\.0 \d+\n$)";
-    QTest::newRow("own file") << true << true << R"(^ASave 1 \d+ (\d+) TSK 'Traced'<\d+\.\1> E \d+ \d+ TSK 'Traced'\n$)";
-    QTest::newRow("off") << false << false << "^$";
-}
-
-void tst_autosave::trace()
-{
-    QFETCH(bool, own_file);
-    QFETCH(bool, on);
-    QFETCH(QString, pattern);
-    Document doc(on);
-    auto a = static_cast<Autosave*>(doc.xi.set_autosave(doc.eman, false, 0));
-    Ktd_test::Capture_fd err(2);
-    QVERIFY(own_file ? doc.task.set_designator("Traced") : doc.customer.set_designator("Traced"));
-    QCoreApplication::sendPostedEvents(a);
-    const QString text = err.text();
-    QVERIFY2(QRegularExpression(pattern).match(text).hasMatch(), qPrintable(text));
 }
 
 // --- a process killed while it edits with autosave on ---
@@ -290,41 +242,30 @@ QString name(int run, char what, int i) { return QStringLiteral("%1%2.%3").arg(w
 
 void apply(State& s, int run, int i)
 {
-    switch (i % 4) {
-    case 0:
-        s.customer = name(run, 'c', i);
-        break;
-    case 1:
-        s.zone[name(run, 't', i)] = 0;
-        s.order << name(run, 't', i);
-        break;
-    case 2:
-        if (s.order.size() > 2)
-            s.zone.remove(s.order.takeFirst());
-        break;
-    case 3:
+    const QString n = name(run, i % 4 ? 't' : 'c', i);
+    if (i % 4 == 0) {
+        s.customer = n;
+    } else if (i % 4 == 1) {
+        s.zone[n] = 0;
+        s.order << n;
+    } else if (i % 4 == 2 && s.order.size() > 2) {
+        s.zone.remove(s.order.takeFirst());
+    } else if (i % 4 == 3) {
         s.zone[s.order.last()] = i % 250;
-        break;
     }
 }
 
 void apply(const C::Task_data& root, C::Customer& customer, int run, int i)
 {
-    switch (i % 4) {
-    case 0:
-        customer.set_designator(name(run, 'c', i));
-        break;
-    case 1:
-        root.create_task().set_designator(name(run, 't', i));
-        break;
-    case 2:
-        if (root.tasks_count() > 2)
-            root.remove_tasks(root.get_task(0));
-        break;
-    case 3:
+    const QString n = name(run, i % 4 ? 't' : 'c', i);
+    if (i % 4 == 0)
+        customer.set_designator(n);
+    else if (i % 4 == 1)
+        root.create_task().set_designator(n);
+    else if (i % 4 == 2 && root.tasks_count() > 2)
+        root.remove_tasks(root.get_task(0));
+    else if (i % 4 == 3)
         root.get_task(unsigned(root.tasks_count() - 1)).set_default_treatment_zone(quint8(i % 250));
-        break;
-    }
 }
 
 void say(const QByteArray& line)
@@ -371,12 +312,8 @@ void tst_autosave::killed_while_saving_keeps_what_it_confirmed()
     QRandomGenerator random(13);
     for (int run = 0; run < 50; ++run) {
         QProcess child;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(child_variable, dir);
-        env.insert(QStringLiteral("KTD_AUTOSAVE_RUN"), QString::number(run));
-        child.setProcessEnvironment(env);
         child.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        child.start(QCoreApplication::applicationFilePath(), QStringList());
+        child.start(QCoreApplication::applicationFilePath(), {"--edit-until-killed", dir, QString::number(run)});
         QVERIFY(child.waitForStarted());
         QByteArray out;
         while (!out.contains("ready\n") && child.waitForReadyRead(30000))
@@ -424,9 +361,8 @@ void tst_autosave::killed_while_saving_keeps_what_it_confirmed()
 int main(int argc, char** argv)
 {
     Ktd_test::Application app(argc, argv);
-    const QString child_dir = qEnvironmentVariable(child_variable);
-    if (!child_dir.isEmpty())
-        edit_until_killed(child_dir, qEnvironmentVariableIntValue("KTD_AUTOSAVE_RUN"));
+    if (argc == 4 && qstrcmp(argv[1], "--edit-until-killed") == 0)
+        edit_until_killed(QString::fromLocal8Bit(argv[2]), atoi(argv[3]));
     tst_autosave t;
     return QTest::qExec(&t, argc, argv);
 }
