@@ -12,7 +12,6 @@
 
 #include <chrono>
 #include <functional>
-#include <map>
 #include <memory>
 
 using namespace TC::Task_data;
@@ -97,20 +96,22 @@ QStringList names_of(const QVector<Seen>& log)
     return out;
 }
 
-void notify_timelog_write(const C::Time_log& log, int records, unsigned bytes)
+bool notify_timelog_write(const C::Time_log& log, int records, unsigned bytes)
 {
     Base::Element_locker_new lock(log, -1);
     static_cast<Base::Time_log*>(lock.get())->notify_timelog_write(records, bytes);
+    return true;
 }
 
 } // namespace
+
+using Change = std::function<bool(Tree&)>; // true when the change was made
+Q_DECLARE_METATYPE(Change)
 
 class Tst_update_events : public QObject
 {
     Q_OBJECT
 private slots:
-    void delivery_walk_data();
-    void delivery_walk();
     void change_posts_and_stamps_data();
     void change_posts_and_stamps();
     void dead_and_unregistered_receivers();
@@ -122,99 +123,66 @@ private slots:
     void type_numbers_whatever_the_order();
 };
 
-void Tst_update_events::delivery_walk_data()
-{
-    QTest::addColumn<QStringList>("registered"); // elements receivers are registered on, in order
-    QTest::addColumn<QString>("changed");
-    QTest::addColumn<QStringList>("expected"); // receivers in the order they get the change
-    QTest::newRow("leaf to root") << QStringList{"root", "field", "ring", "point"} << "point"
-                                  << QStringList{"point", "ring", "field", "root"};
-    QTest::newRow("not down, not sideways") << QStringList{"point", "log", "root"} << "field" << QStringList{"root"};
-    QTest::newRow("same receiver twice") << QStringList{"field", "field"} << "point" << QStringList{"field", "field"};
-}
-
-void Tst_update_events::delivery_walk()
-{
-    QFETCH(QStringList, registered);
-    QFETCH(QString, changed);
-    QFETCH(QStringList, expected);
-    Tree t;
-    QVector<Seen> log;
-    std::map<QString, std::unique_ptr<Recorder>> by_element;
-    for (const QString& name : registered) {
-        std::unique_ptr<Recorder>& r = by_element[name];
-        if (!r)
-            r.reset(new Recorder(name, &log));
-        QVERIFY(t.by_name(name).register_for_events(r.get()));
-    }
-    QVERIFY(t.by_name(changed).pe_set_value("key", "changed"));
-    QCoreApplication::sendPostedEvents();
-    QCOMPARE(names_of(log), expected);
-    for (const Seen& s : log)
-        QCOMPARE(s.element, t.by_name(changed));
-}
-
 void Tst_update_events::change_posts_and_stamps_data()
 {
-    QTest::addColumn<QString>("change");
-    QTest::addColumn<int>("type"); // of the one event posted; -1: none
-    QTest::addColumn<QString>("element");
+    QTest::addColumn<Change>("change");
+    QTest::addColumn<int>("type"); // of the event posted; -1: none
+    QTest::addColumn<QString>("reached"); // receivers in the order they get it, the changed element's first
     QTest::addColumn<QString>("what");
     QTest::addColumn<int>("index");
-    QTest::newRow("attribute") << "attribute" << int(attribute_updated) << "point" << "C" << -1;
-    QTest::newRow("extended parameter: no attribute") << "parameter" << int(attribute_updated) << "point" << "" << -1;
-    QTest::newRow("child added") << "add" << int(child_added) << "ring" << "PNT" << 1;
-    QTest::newRow("child removed") << "remove" << int(child_removed) << "ring" << "PNT" << 0;
-    QTest::newRow("binary modified") << "binary modified" << int(binary_modified) << "point" << "" << -1;
-    QTest::newRow("binary appended") << "binary appended" << int(binary_appended) << "log" << "" << -1;
-    QTest::newRow("noevent setter") << "noevent" << -1 << "" << "" << -1;
-    QTest::newRow("noevent link setter") << "noevent link" << -1 << "" << "" << -1;
-    QTest::newRow("noevent attribute handle") << "noevent handle" << -1 << "" << "" << -1;
+    const QString point = "point ring field root", ring = "ring field root";
+    QTest::newRow("attribute") << Change([](Tree& t) { return t.point.set_north(52.5); }) << int(attribute_updated)
+                               << point << "C" << -1;
+    QTest::newRow("extended parameter: no attribute") << Change([](Tree& t) { return t.point.pe_set_value("key", 3); })
+                                                      << int(attribute_updated) << point << "" << -1;
+    QTest::newRow("child added") << Change([](Tree& t) { return t.ring.create_point().valid(); }) << int(child_added)
+                                 << ring << "PNT" << 1;
+    QTest::newRow("child removed") << Change([](Tree& t) { return t.ring.remove_points(t.point); })
+                                   << int(child_removed) << ring << "PNT" << 0;
+    QTest::newRow("binary modified") << Change([](Tree& t) {
+        Base::Element_locker_new lock(t.point, -1);
+        static_cast<Base::Point*>(lock.get())->make_binary_points();
+        static_cast<Base::Point*>(lock.get())->binary_points_changed();
+        return true;
+    }) << int(binary_modified) << point << "" << -1;
+    QTest::newRow("binary appended") << Change([](Tree& t) { return notify_timelog_write(t.log, 10, 480); })
+                                     << int(binary_appended) << "log root" << "" << -1;
+    // Each setting path: element setter, link setter, attribute handle.
+    QTest::newRow("noevent setters") << Change([](Tree& t) {
+        return t.task.set_designator_noevent("quiet") && t.task.set_partfield_noevent(t.field) &&
+               t.task.designator_attribute().set_string_noevent("again");
+    }) << -1 << "" << "" << -1;
 }
 
-// Receiver on the root. A change raises the counter once and stamps the element, its list and
-// every ancestor with it, nothing else; appended binary data is not in the XML: not stamped.
+// A receiver on each named element, registered root first: a change reaches those of the changed
+// element and its ancestors, leaf to root, none below or beside it. It raises the counter once
+// and stamps the element, its list and every ancestor with it, nothing else; appended binary data
+// is not in the XML: not stamped.
 void Tst_update_events::change_posts_and_stamps()
 {
-    QFETCH(QString, change);
+    QFETCH(Change, change);
     QFETCH(int, type);
-    QFETCH(QString, element);
+    QFETCH(QString, reached);
     QFETCH(QString, what);
     QFETCH(int, index);
     Tree t;
     const C::Point other = t.field.create_point(); // a branch no change touches
     QVector<Seen> log;
-    Recorder receiver("root", &log);
-    QVERIFY(t.root.register_for_events(&receiver));
-    const quint64 counter = t.counter(), root_stamp = t.root.stamp(), other_stamp = other.stamp();
-    if (change == "attribute") {
-        QVERIFY(t.point.set_north(52.5));
-    } else if (change == "parameter") {
-        QVERIFY(t.point.pe_set_value("key", 3));
-    } else if (change == "add") {
-        QVERIFY(t.ring.create_point().valid());
-    } else if (change == "remove") {
-        QVERIFY(t.ring.remove_points(t.point));
-    } else if (change == "binary modified") {
-        Base::Element_locker_new lock(t.point, -1);
-        static_cast<Base::Point*>(lock.get())->make_binary_points();
-        static_cast<Base::Point*>(lock.get())->binary_points_changed();
-    } else if (change == "binary appended") {
-        notify_timelog_write(t.log, 10, 480);
-    } else if (change == "noevent") {
-        QVERIFY(t.task.set_designator_noevent("quiet"));
-    } else if (change == "noevent link") {
-        QVERIFY(t.task.set_partfield_noevent(t.field));
-    } else {
-        QVERIFY(t.task.designator_attribute().set_string_noevent("quiet"));
+    std::vector<std::unique_ptr<Recorder>> receivers;
+    for (const char* name : {"root", "field", "ring", "point", "log"}) {
+        receivers.emplace_back(new Recorder(name, &log));
+        QVERIFY(t.by_name(name).register_for_events(receivers.back().get()));
     }
+    const quint64 counter = t.counter(), root_stamp = t.root.stamp(), other_stamp = other.stamp();
+    QVERIFY(change(t));
     QCoreApplication::sendPostedEvents();
-    QCOMPARE(log.size(), type < 0 ? 0 : 1);
-    if (type >= 0) {
-        QCOMPARE(log.first().type, type);
-        QCOMPARE(log.first().element, t.by_name(element));
-        QCOMPARE(log.first().what, what);
-        QCOMPARE(log.first().index, index);
+    QCOMPARE(names_of(log).join(' '), reached);
+    const C::Element changed = t.by_name(reached.section(' ', 0, 0));
+    for (const Seen& s : log) {
+        QCOMPARE(s.type, type);
+        QCOMPARE(s.element, changed);
+        QCOMPARE(s.what, what);
+        QCOMPARE(s.index, index);
     }
     const bool stamped = type >= 0 && type != binary_appended;
     const quint64 now = t.counter();
@@ -223,7 +191,6 @@ void Tst_update_events::change_posts_and_stamps()
     QCOMPARE(other.stamp(), other_stamp);
     if (!stamped)
         return;
-    const C::Element changed = t.by_name(element);
     for (C::Element e = changed; e.valid(); e = e.get_parent())
         QCOMPARE(e.stamp(), now);
     QCOMPARE(changed.stamp(true), now); // the list it sits in
@@ -232,7 +199,7 @@ void Tst_update_events::change_posts_and_stamps()
 }
 
 // A destroyed receiver stays registered until the next change's walk meets it; an unregistered
-// one gets nothing more.
+// one gets nothing more; one registered twice gets each change twice.
 void Tst_update_events::dead_and_unregistered_receivers()
 {
     Tree t;
@@ -242,14 +209,15 @@ void Tst_update_events::dead_and_unregistered_receivers()
     QVERIFY(t.root.register_for_events(doomed.get()));
     QVERIFY(t.root.register_for_events(&alive));
     QVERIFY(t.root.register_for_events(doomed.get()));
+    QVERIFY(t.root.register_for_events(&alive));
     QVERIFY(t.ring.register_for_events(&dropped));
     QVERIFY(t.ring.unregister_for_events(&dropped));
     QVERIFY(!t.ring.unregister_for_events(&dropped));
     doomed.reset();
     QVERIFY(t.point.set_designator("x"));
-    QCOMPARE(t.root.get_base_elem()->receiver_count(), 1);
+    QCOMPARE(t.root.get_base_elem()->receiver_count(), 2);
     QCoreApplication::sendPostedEvents();
-    QCOMPARE(names_of(log), QStringList{"alive"});
+    QCOMPARE(names_of(log), (QStringList{"alive", "alive"}));
 }
 
 // Two threads register on the same fresh elements at once: the receiver store of an element is
@@ -358,45 +326,44 @@ void Tst_update_events::direct_signals()
     QCOMPARE(s.calls, (QStringList{"attribute D", "value 7"}));
 }
 
+using Edit = std::function<bool(Tree&, Slots&)>; // true when it held
+Q_DECLARE_METATYPE(Edit)
+
 // Everything here runs on one thread that already holds the changed element's lock (and, in the
 // copy, the source's): the element lock must let that thread in again.
 void Tst_update_events::edits_inside_a_change_data()
 {
-    QTest::addColumn<QString>("how");
-    QTest::newRow("value slot edits the same element") << "value slot";
-    QTest::newRow("updated slot edits an ancestor") << "ancestor slot";
-    QTest::newRow("operations under the caller's lock") << "caller lock";
-    QTest::newRow("copy locks both through set") << "copy";
+    QTest::addColumn<Edit>("edit");
+    QTest::addColumn<int>("changes");
+    QTest::newRow("value slot edits the same element") << Edit([](Tree& t, Slots& s) {
+        s.edit = [&t] { t.point.set_north(1.5); };
+        return t.point.east_attribute().connect(SIGNAL(value_changed(QVariant)), &s, SLOT(value_changed(QVariant))) &&
+               t.point.set_east(7.5) && t.point.north() == 1.5;
+    }) << 2;
+    QTest::newRow("updated slot edits an ancestor") << Edit([](Tree& t, Slots& s) {
+        s.edit = [&t] { t.field.set_designator("edited"); };
+        return t.field.connect(ELEMENT_SIGNAL, &s, ELEMENT_SLOT) && t.point.set_east(7.5) &&
+               t.field.designator() == "edited";
+    }) << 2;
+    QTest::newRow("operations under the caller's lock") << Edit([](Tree& t, Slots&) {
+        Base::Element_locker_new lock(t.point, -1);
+        return t.point.set_east(7.5) && t.point.set_north(1.5) && t.point.north() == 1.5;
+    }) << 2;
+    QTest::newRow("copy locks both through set") << Edit([](Tree& t, Slots&) {
+        const C::Point source = t.ring.create_point();
+        return source.set_east(7.5) && t.point.copy(source, t.eman, false) && t.point.east() == 7.5;
+    }) << 3; // the new point, its value, the copy
 }
 
 void Tst_update_events::edits_inside_a_change()
 {
-    QFETCH(QString, how);
+    QFETCH(Edit, edit);
+    QFETCH(int, changes);
     Tree t;
     Slots s;
     const quint64 counter = t.counter();
-    if (how == "value slot") {
-        s.edit = [&t] { t.point.set_north(1.5); };
-        QVERIFY(t.point.east_attribute().connect(SIGNAL(value_changed(QVariant)), &s, SLOT(value_changed(QVariant))));
-        QVERIFY(t.point.set_east(7.5));
-    } else if (how == "ancestor slot") {
-        s.edit = [&t] { t.field.set_designator("edited"); };
-        QVERIFY(t.field.connect(ELEMENT_SIGNAL, &s, ELEMENT_SLOT));
-        QVERIFY(t.point.set_east(7.5));
-        QCOMPARE(t.field.designator(), QString("edited"));
-    } else if (how == "caller lock") {
-        Base::Element_locker_new lock(t.point, -1);
-        QVERIFY(t.point.set_east(7.5) && t.point.set_north(1.5));
-    } else {
-        C::Point source = t.ring.create_point();
-        QVERIFY(source.set_east(7.5) && source.set_north(1.5));
-        QVERIFY(t.point.copy(source, t.eman, false));
-        QCOMPARE(t.point.east(), 7.5);
-        return;
-    }
-    QCOMPARE(t.counter(), counter + 2);
-    if (how != "ancestor slot")
-        QCOMPARE(t.point.north(), 1.5);
+    QVERIFY(edit(t, s));
+    QCOMPARE(t.counter(), counter + changes);
 }
 
 // In a fresh process the kinds are first used in an order unlike the table's: each still gets a
@@ -412,16 +379,15 @@ static int register_types()
         &C::Attribute_update_qt_event::event_type, &C::Child_added_qt_event::event_type,
         &C::Child_removed_qt_event::event_type, &C::Binary_appended_qt_event::event_type,
         &C::Binary_modified_qt_event::event_type, &C::Flush_qt_event::event_type};
-    QSet<int> numbers;
     for (int k : {4, 0, 5, 2, 1, 3})
-        numbers << kinds[k]();
+        kinds[k]();
     const C::Event_types_ids ids;
-    const QEvent::Type table[] = {ids.attribute_update, ids.child_added,     ids.child_removed,
-                                  ids.binary_appended,  ids.binary_modified, ids.flush};
+    const QVector<int> table{ids.attribute_update, ids.child_added,     ids.child_removed,
+                             ids.binary_appended,  ids.binary_modified, ids.flush};
     for (int i = 0; i < 6; ++i)
         if (table[i] != kinds[i]())
             return 1;
-    return numbers.size() == 6 ? 0 : 2;
+    return QSet<int>(table.begin(), table.end()).size() == 6 ? 0 : 2;
 }
 
 int main(int argc, char** argv)
