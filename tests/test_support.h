@@ -1,8 +1,26 @@
-// Helpers shared by the tests: where the reference data lives and temporary directories.
+// Helpers shared by the tests: where the reference data lives, small task data directories,
+// captured diagnostics, schema validation.
 #pragma once
+#include <QCoreApplication>
 #include <QDir>
+#include <QFile>
+#include <QMap>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QStandardPaths>
 #include <QString>
+#include <QTemporaryFile>
 #include <QtGlobal>
+
+#include <cstdio>
+#include <unistd.h>
+
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#include <sanitizer/tsan_interface.h>
+#define KTD_TEST_TSAN 1
+#endif
+#endif
 
 namespace Ktd_test {
 
@@ -19,50 +37,47 @@ constexpr bool sanitized = false;
 constexpr bool sanitized = false;
 #endif
 
-// Real task data sets; empty when the reference data is not beside this clone.
-inline QString corpus_dir()
+// The directory an environment variable names; empty when it does not exist.
+inline QString existing_dir(const char* variable)
 {
-    QString d = qEnvironmentVariable("KTD_CORPUS_DIR");
-    if (d.isEmpty() || !QDir(d).exists())
-        return QString();
-    return QDir(d).absolutePath();
+    const QString d = qEnvironmentVariable(variable);
+    return d.isEmpty() || !QDir(d).exists() ? QString() : QDir(d).absolutePath();
 }
 
-inline QString shared_dir()
-{
-    QString d = qEnvironmentVariable("KTD_SHARED_DIR");
-    if (d.isEmpty() || !QDir(d).exists())
-        return QString();
-    return QDir(d).absolutePath();
-}
+// Real task data sets; empty when the reference data is not beside this clone.
+inline QString corpus_dir() { return existing_dir("KTD_CORPUS_DIR"); }
+inline QString shared_dir() { return existing_dir("KTD_SHARED_DIR"); }
 
 inline QString source_dir() { return qEnvironmentVariable("KTD_SOURCE_DIR"); }
 
-} // namespace Ktd_test
+// --- small task data directories ---
 
-#define KTD_REQUIRE_CORPUS(var)                                                               \
-    const QString var = Ktd_test::corpus_dir();                                               \
-    if (var.isEmpty())                                                                        \
-        QSKIP("reference corpus not found: set KTD_CORPUS_DIR to the folder of real task data sets")
+// A main file holding `children`.
+inline QByteArray task_data(const QByteArray& children, const QByteArray& major = "4")
+{
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<ISO11783_TaskData VersionMajor=\"" + major +
+           "\" VersionMinor=\"3\" ManagementSoftwareManufacturer=\"Test\" ManagementSoftwareVersion=\"1\" "
+           "DataTransferOrigin=\"1\">\n" + children + "</ISO11783_TaskData>\n";
+}
 
-#define KTD_REQUIRE_SHARED(var)                                                               \
-    const QString var = Ktd_test::shared_dir();                                               \
-    if (var.isEmpty())                                                                        \
-        QSKIP("reference data not found: set KTD_SHARED_DIR to the folder beside this clone")
+// Writes each file (name to bytes) into `dir`, made when missing; false when one fails.
+inline bool write_files(const QString& dir, const QMap<QString, QByteArray>& files)
+{
+    QDir().mkpath(dir);
+    for (auto it = files.constBegin(); it != files.constEnd(); ++it) {
+        QFile f(QDir(dir).filePath(it.key()));
+        if (!f.open(QIODevice::WriteOnly) || f.write(it.value()) != it.value().size())
+            return false;
+    }
+    return true;
+}
 
-#include <QCoreApplication>
-#include <QTemporaryFile>
-#include <cstdio>
-#include <unistd.h>
-
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#include <sanitizer/tsan_interface.h>
-#define KTD_TEST_TSAN 1
-#endif
-#endif
-
-namespace Ktd_test {
+// Empty when the file cannot be read.
+inline QByteArray read_file(const QString& path)
+{
+    QFile f(path);
+    return !path.isEmpty() && f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
 
 // Captures what the library prints on a standard stream (stdout = 1, stderr = 2) while alive.
 class Capture_fd
@@ -98,6 +113,14 @@ private:
     QTemporaryFile m_file;
 };
 
+// f's result, with what the library prints meanwhile dropped.
+template <class F>
+auto quietly(F&& f)
+{
+    Capture_fd out(1), err(2);
+    return f();
+}
+
 // The application of tests whose receivers live on other threads. Under ThreadSanitizer a posted
 // event changes hands through Qt's uninstrumented queue: postEvent releases on the event
 // (cmake/sanitizers/qt_tsan_annotations.cpp) and delivery acquires it here.
@@ -113,15 +136,6 @@ public:
         return QCoreApplication::notify(receiver, event);
     }
 };
-
-} // namespace Ktd_test
-
-#include <QFile>
-#include <QProcess>
-#include <QRegularExpression>
-#include <QStandardPaths>
-
-namespace Ktd_test {
 
 // --- schemas ---
 
@@ -151,9 +165,17 @@ inline QString validate(const QString& schema, const QString& file)
     p.start(xmllint(), {"--noout", "--schema", schema, file});
     if (!p.waitForFinished(60000))
         return "xmllint did not finish";
-    if (p.exitCode() == 0)
-        return QString();
-    return QString::fromUtf8(p.readAllStandardError());
+    return p.exitCode() == 0 ? QString() : QString::fromUtf8(p.readAllStandardError());
 }
 
 } // namespace Ktd_test
+
+#define KTD_REQUIRE_CORPUS(var)                                                               \
+    const QString var = Ktd_test::corpus_dir();                                               \
+    if (var.isEmpty())                                                                        \
+        QSKIP("reference corpus not found: set KTD_CORPUS_DIR to the folder of real task data sets")
+
+#define KTD_REQUIRE_SHARED(var)                                                               \
+    const QString var = Ktd_test::shared_dir();                                               \
+    if (var.isEmpty())                                                                        \
+        QSKIP("reference data not found: set KTD_SHARED_DIR to the folder beside this clone")
