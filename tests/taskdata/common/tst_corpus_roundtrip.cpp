@@ -1,5 +1,5 @@
 // Whole task data directories of the corpus: every set loads through XML_interface (the bad-*
-// sets fail or warn with their messages); every loadable set goes through `taskdata convert`
+// sets fail or warn with their messages) and goes through `taskdata convert`
 // into a complete directory whose tree is the input's, less only what the version rule removes
 // (which the convert summary counts), and a second convert gives the same bytes; written without
 // proprietary content, every output is as schema-valid as its input or more.
@@ -100,8 +100,6 @@ QStringList corpus_sets()
         return {};
     return QDir(corpus).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
 }
-
-bool loads(const QString& set) { return expectations().value(set, {true, {}}).ok; }
 
 // --- tree comparison ---
 
@@ -227,10 +225,8 @@ Converted convert(const QString& source, const QString& target, const QStringLis
 QMap<QString, QByteArray> directory_bytes(const QString& dir)
 {
     QMap<QString, QByteArray> files;
-    for (const QString& name : QDir(dir).entryList(QDir::Files | QDir::Hidden, QDir::Name)) {
-        QFile f(QDir(dir).filePath(name));
-        files.insert(name, f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray("<unreadable>"));
-    }
+    for (const QString& name : QDir(dir).entryList(QDir::Files | QDir::Hidden, QDir::Name))
+        files.insert(name, Ktd_test::read_file(QDir(dir).filePath(name)));
     return files;
 }
 
@@ -254,15 +250,13 @@ class Tst_corpus_roundtrip : public QObject
     Q_OBJECT
 
 private slots:
-    void load_every_set_data();
-    void load_every_set();
-    void round_trip_data();
-    void round_trip();
+    void load_and_round_trip_data();
+    void load_and_round_trip();
     void schema_valid_output_data();
     void schema_valid_output();
 };
 
-void Tst_corpus_roundtrip::load_every_set_data()
+void Tst_corpus_roundtrip::load_and_round_trip_data()
 {
     QTest::addColumn<QString>("set");
     QTest::addColumn<bool>("expect_ok");
@@ -274,56 +268,33 @@ void Tst_corpus_roundtrip::load_every_set_data()
     }
 }
 
-void Tst_corpus_roundtrip::load_every_set()
+void Tst_corpus_roundtrip::load_and_round_trip()
 {
     KTD_REQUIRE_CORPUS(corpus);
     QFETCH(QString, set);
     QFETCH(bool, expect_ok);
     QFETCH(QStringList, fragments);
-    const QString dir = QDir(corpus).filePath(set);
-    auto man = Element_man::create();
-    XML_interface xi(dir);
-    bool ok;
-    {
-        Ktd_test::Capture_fd quiet_out(1), quiet_err(2);
-        ok = xi.load(man);
-    }
-    QCOMPARE(ok, expect_ok);
-    QCOMPARE(xi.ok(), expect_ok);
-    const QString reported = expect_ok ? xi.warnings().join('\n') : xi.fail_text();
+    const QString source = QDir(corpus).filePath(set);
+    auto first = Element_man::create();
+    XML_interface in(source);
+    QCOMPARE(Ktd_test::quietly([&] { return in.load(first); }), expect_ok);
+    const QString reported = expect_ok ? in.warnings().join('\n') : in.fail_text();
     for (const QString& f : fragments)
         QVERIFY2(reported.contains(f), qPrintable("missing \"" + f + "\" in: " + reported));
-    QVERIFY(man->root());
     if (!expect_ok)
         return;
-    QCOMPARE(xi.warnings().filter("Could not open").size(), 0);
+    QCOMPARE(in.warnings().filter("Could not open").size(), 0);
 
     // Every element of the main file and of its external files is in the tree, once.
-    int expected = count_xml_elements(main_file(dir));
-    for (const auto& f : Task_data_files::referenced_files(man->root()))
+    int expected = count_xml_elements(main_file(source));
+    for (const auto& f : Task_data_files::referenced_files(first->root()))
         if (f.tag == "XFR")
-            expected += count_xml_elements(File_lookup::find(dir, f.name, true).path);
-    QCOMPARE(count_tree(man->root().data()), expected);
-    qInfo("%s: %d elements, %d warnings", qPrintable(set), expected, int(xi.warnings().size()));
-}
+            expected += count_xml_elements(File_lookup::find(source, f.name, true).path);
+    QCOMPARE(count_tree(first->root().data()), expected);
 
-void Tst_corpus_roundtrip::round_trip_data()
-{
-    QTest::addColumn<QString>("set");
-    for (const QString& set : corpus_sets())
-        if (loads(set))
-            QTest::newRow(qPrintable(set)) << set;
-}
-
-void Tst_corpus_roundtrip::round_trip()
-{
-    KTD_REQUIRE_CORPUS(corpus);
-    QFETCH(QString, set);
     if (!QFileInfo::exists(tool_path()))
         QSKIP("taskdata tool not built (KTD_BUILD_TOOLS=OFF)");
-    const QString source = QDir(corpus).filePath(set);
     QTemporaryDir out;
-    QVERIFY(out.isValid());
     const QString target = QDir(out.path()).filePath("copy");
     const Converted converted = convert(source, target);
     QVERIFY2(converted.code == 0, qPrintable(converted.out));
@@ -331,19 +302,11 @@ void Tst_corpus_roundtrip::round_trip()
     // The same input gives the same bytes.
     const QString again = QDir(out.path()).filePath("again");
     QCOMPARE(convert(source, again).code, 0);
-    const auto bytes = directory_bytes(target);
-    QCOMPARE(directory_bytes(again).keys(), bytes.keys());
-    QVERIFY2(directory_bytes(again) == bytes, "a second convert wrote other bytes");
+    QVERIFY2(directory_bytes(again) == directory_bytes(target), "a second convert wrote other bytes");
 
-    auto first = Element_man::create();
-    XML_interface in(source);
     auto second = Element_man::create();
     XML_interface back(target);
-    {
-        Ktd_test::Capture_fd quiet_out(1), quiet_err(2);
-        QVERIFY(in.load(first));
-        QVERIFY2(back.load(second), qPrintable(back.fail_text()));
-    }
+    QVERIFY2(Ktd_test::quietly([&] { return back.load(second); }), qPrintable(back.fail_text()));
     // The same tree, values and links, less what the version rule removes, which the summary
     // counts.
     int removed = 0;
@@ -372,9 +335,7 @@ void Tst_corpus_roundtrip::round_trip()
         QVERIFY2(!copy.isEmpty(), qPrintable(f.name + " not in the output directory"));
         if (f.tag == "XFR" || (first->link_list() && f.name.compare("LINKLIST.XML", Qt::CaseInsensitive) == 0))
             continue; // written anew from the tree
-        QFile a(original), b(copy);
-        QVERIFY(a.open(QIODevice::ReadOnly) && b.open(QIODevice::ReadOnly));
-        QVERIFY2(a.readAll() == b.readAll(), qPrintable(f.name + " differs"));
+        QVERIFY2(Ktd_test::read_file(original) == Ktd_test::read_file(copy), qPrintable(f.name + " differs"));
     }
     QCOMPARE(back.track_unused_files(), QStringList());
     QCOMPARE(back.warnings().filter("Could not find").size(), in.warnings().filter("Could not find").size());
@@ -384,7 +345,7 @@ void Tst_corpus_roundtrip::schema_valid_output_data()
 {
     QTest::addColumn<QString>("set");
     for (const QString& set : corpus_sets())
-        if (loads(set))
+        if (expectations().value(set, {true, {}}).ok)
             QTest::newRow(qPrintable(set)) << set;
 }
 
@@ -401,9 +362,7 @@ void Tst_corpus_roundtrip::schema_valid_output()
     if (!QFileInfo::exists(tool_path()))
         QSKIP("taskdata tool not built (KTD_BUILD_TOOLS=OFF)");
     QTemporaryDir tmp;
-    QVERIFY(tmp.isValid());
     const QString schemas = QDir(tmp.path()).filePath("xsd");
-    QVERIFY(QDir().mkpath(schemas));
     QVERIFY(Ktd_test::copy_schemas(QDir(shared).filePath("isoxml/xsd"), schemas));
     const QString source = QDir(corpus).filePath(set);
     const QString target = QDir(tmp.path()).filePath("out");
@@ -412,10 +371,7 @@ void Tst_corpus_roundtrip::schema_valid_output()
 
     auto man = Element_man::create();
     XML_interface out(target);
-    {
-        Ktd_test::Capture_fd quiet_out(1), quiet_err(2);
-        QVERIFY(out.load(man));
-    }
+    QVERIFY(Ktd_test::quietly([&] { return out.load(man); }));
     const bool v4 = out.format_version() >= 4;
     const auto schema = [&](const char* v4_name, const char* v3_name) {
         return QDir(schemas).filePath(v4 ? v4_name : v3_name);
