@@ -1,8 +1,8 @@
 // What a save guarantees, tried the hard way: saves in child processes (this executable run
 // again with KTD_SAVE_CHILD set) that hit a full disk (RLIMIT_FSIZE), are killed at random
-// moments, or run two at a time into one directory; links planted in and around the
-// directories. Every case ends with the old set or the new one, whole, and nothing written
-// outside the directories.
+// moments (50 times per case), or run two at a time into one directory; links planted in and
+// around the directories. Every case ends with the old set or the new one, whole, and nothing
+// written outside the directories.
 #include <taskdata/common/Save_transaction.h>
 #include <taskdata/common/Symlink_policy.h>
 #include <taskdata/common/XML_interface.h>
@@ -25,53 +25,44 @@
 
 using namespace TC::Task_data;
 using namespace TC::Task_data::Elements::Base;
+using Ktd_test::read_file;
 
 namespace {
 
 using Snapshot = QMap<QString, QByteArray>;
 const char* const child_variable = "KTD_SAVE_CHILD";
 
-void write(const QString& path, const QByteArray& data)
+// A set of a main file, an external file with `external` customers and a grid of `grid` bytes
+// (none of either for 0), `marker` in each of them; `customers` pad the main file.
+bool make_set(const QString& dir, const QByteArray& marker, int customers = 1, int external = 1, int grid = 4096)
 {
-    QFile f(path);
-    QVERIFY(f.open(QIODevice::WriteOnly));
-    QCOMPARE(f.write(data), qint64(data.size()));
-}
-
-QByteArray read(const QString& path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-}
-
-// A set of several files: main file, an external file, a grid. `marker` is in each of them;
-// `customers` pads the main file, `external` the external file, `grid` sizes the grid.
-void make_set(const QString& dir, const QByteArray& marker, int customers = 1, int external = 1, int grid = 4096)
-{
-    QDir().mkpath(dir);
-    QByteArray main = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<ISO11783_TaskData VersionMajor=\"4\" "
-                      "VersionMinor=\"3\" ManagementSoftwareManufacturer=\"T\" ManagementSoftwareVersion=\"1\" "
-                      "DataTransferOrigin=\"1\">\n<XFR A=\"CTR00001\" B=\"1\"/>\n<TSK A=\"TSK1\" B=\"" + marker +
-                      "\" G=\"1\"><GRD A=\"52\" B=\"8\" C=\"0.1\" D=\"0.1\" E=\"" + QByteArray::number(grid) +
-                      "\" F=\"1\" G=\"GRD00001\" I=\"1\"/></TSK>\n";
+    QByteArray main, xfc;
+    if (external)
+        main += "<XFR A=\"CTR00001\" B=\"1\"/>\n";
+    if (grid)
+        main += "<TSK A=\"TSK1\" B=\"" + marker + "\" G=\"1\"><GRD A=\"52\" B=\"8\" C=\"0.1\" D=\"0.1\" E=\"" +
+                QByteArray::number(grid) + "\" F=\"1\" G=\"GRD00001\" I=\"1\"/></TSK>\n";
     for (int i = 0; i < customers; ++i)
         main += "<CTR A=\"CTR" + QByteArray::number(100 + i) + "\" B=\"" + marker + "\"/>\n";
-    write(QDir(dir).filePath("TASKDATA.XML"), main + "</ISO11783_TaskData>\n");
-    QByteArray xfc = "<XFC>\n";
     for (int i = 0; i < external; ++i)
         xfc += "<CTR A=\"CTR" + QByteArray::number(1 + i) + "\" B=\"" + marker + "\"/>\n";
-    write(QDir(dir).filePath("CTR00001.XML"), xfc + "</XFC>\n");
-    write(QDir(dir).filePath("GRD00001.BIN"), marker.repeated(grid / marker.size() + 1).left(grid));
+    QMap<QString, QByteArray> files{{"TASKDATA.XML", Ktd_test::task_data(main)}};
+    if (external)
+        files.insert("CTR00001.XML", "<XFC>\n" + xfc + "</XFC>\n");
+    if (grid)
+        files.insert("GRD00001.BIN", marker.repeated(grid / marker.size() + 1).left(grid));
+    return Ktd_test::write_files(dir, files);
 }
 
-// The files of a directory by name, without what saves keep for themselves (the lock file).
-Snapshot snapshot(const QString& dir)
+// The files of a directory by name, without the lock file that saves keep (and without their
+// temporaries unless `temporaries`).
+Snapshot snapshot(const QString& dir, bool temporaries = true)
 {
     Snapshot s;
     for (const QString& name : QDir(dir).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot))
-        if (name != Save_transaction::lock_file_name()) {
+        if (temporaries ? name != Save_transaction::lock_file_name() : !Save_transaction::is_own_file(name)) {
             const QFileInfo fi(QDir(dir).filePath(name));
-            s.insert(name, fi.isSymLink() ? "<link>" : fi.isDir() ? QByteArray("<dir>") : read(fi.filePath()));
+            s.insert(name, fi.isSymLink() ? "<link>" : fi.isDir() ? QByteArray("<dir>") : read_file(fi.filePath()));
         }
     return s;
 }
@@ -105,23 +96,23 @@ bool save_set(const QString& source, const QString& out, const QString& mark = Q
     ::_exit(code);
 }
 
-// The child: "limit:BYTES", "loop", "times:N"; sources in KTD_SOURCES (':' between them, used
-// in turn), the output in KTD_OUT, a mark for the data in KTD_MARK.
+// The child: "limit:BYTES", "loop", "times:N"; sources in KTD_SOURCES and marks for the data in
+// KTD_MARKS (':' between them, each list used in turn), the output in KTD_OUT.
 [[noreturn]] void child(const QString& mode)
 {
     const QStringList sources = qEnvironmentVariable("KTD_SOURCES").split(':');
+    const QStringList marks = qEnvironmentVariable("KTD_MARKS").split(':');
     const QString out = qEnvironmentVariable("KTD_OUT");
-    const QString mark = qEnvironmentVariable("KTD_MARK");
     if (mode.startsWith("limit:")) {
         // A full disk as a process sees it: writes past the limit fail with EFBIG.
         const rlimit limit{rlim_t(mode.mid(6).toLongLong()), rlim_t(mode.mid(6).toLongLong())};
         std::signal(SIGXFSZ, SIG_IGN);
         setrlimit(RLIMIT_FSIZE, &limit);
-        end_child(save_set(sources.first(), out, mark) ? 0 : 3);
+        end_child(save_set(sources.first(), out, marks.first()) ? 0 : 3);
     }
     const int times = mode == "loop" ? INT_MAX : mode.mid(6).toInt();
     for (int run = 0; run < times; ++run) {
-        if (!save_set(sources.at(run % sources.size()), out, mark))
+        if (!save_set(sources.at(run % sources.size()), out, marks.at(run % marks.size())))
             end_child(3);
         if (run == 0) {
             printf("ready\n");
@@ -131,14 +122,14 @@ bool save_set(const QString& source, const QString& out, const QString& mark = Q
     end_child(0);
 }
 
-QProcess* start_child(const QString& mode, const QStringList& sources, const QString& out, const QString& mark = QString())
+QProcess* start_child(const QString& mode, const QStringList& sources, const QString& out, const QStringList& marks = {})
 {
     auto p = new QProcess;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(child_variable, mode);
     env.insert("KTD_SOURCES", sources.join(':'));
+    env.insert("KTD_MARKS", marks.join(':'));
     env.insert("KTD_OUT", out);
-    env.insert("KTD_MARK", mark);
     env.insert("KTD_TRACE", "0");
     p->setProcessEnvironment(env);
     p->start(QCoreApplication::applicationFilePath(), QStringList());
@@ -155,7 +146,8 @@ private slots:
     void initTestCase();
     void full_disk_leaves_old_set_data();
     void full_disk_leaves_old_set();
-    void killed_convert_leaves_old_or_new_set();
+    void killed_save_leaves_old_or_new_set_data();
+    void killed_save_leaves_old_or_new_set();
     void concurrent_saves_end_with_one_set_data();
     void concurrent_saves_end_with_one_set();
     void links_change_nothing_outside_data();
@@ -175,9 +167,9 @@ void Tst_save_guarantees::full_disk_leaves_old_set_data()
     QTest::addColumn<int>("customers");
     QTest::addColumn<int>("external");
     QTest::addColumn<int>("grid");
-    // Limit 64 KiB; the file named outgrows it.
+    // Limit 64 KiB; the file named outgrows it. In place it is the last file staged: what was
+    // staged before it goes too.
     QTest::newRow("in place: main file") << true << 3000 << 1 << 4096;
-    QTest::newRow("in place: external file") << true << 1 << 3000 << 4096;
     QTest::newRow("into an older set: grid copy") << false << 1 << 1 << 200000;
     QTest::newRow("into an older set: main file") << false << 3000 << 1 << 4096;
 }
@@ -190,13 +182,13 @@ void Tst_save_guarantees::full_disk_leaves_old_set()
     QFETCH(int, grid);
     QTemporaryDir tmp;
     const QString source = tmp.filePath("source"), out = tmp.filePath("out");
-    make_set(source, "new", customers, external, grid);
+    QVERIFY(make_set(source, "new", customers, external, grid));
     if (in_place)
-        make_set(out, "old", customers, external, grid);
+        QVERIFY(make_set(out, "old", customers, external, grid));
     else
-        QVERIFY(save_set([&] { make_set(tmp.filePath("old"), "old"); return tmp.filePath("old"); }(), out));
+        QVERIFY(make_set(tmp.filePath("old"), "old") && save_set(tmp.filePath("old"), out));
     const Snapshot before = snapshot(out);
-    QScopedPointer<QProcess> p(start_child("limit:65536", {in_place ? out : source}, out, "changed"));
+    QScopedPointer<QProcess> p(start_child("limit:65536", {in_place ? out : source}, out, {"changed"}));
     QVERIFY(p->waitForFinished(120000));
     QCOMPARE(p->exitCode(), 3); // the save failed ...
     QVERIFY2(p->readAllStandardError().contains("File too large"), "not the limit");
@@ -205,26 +197,42 @@ void Tst_save_guarantees::full_disk_leaves_old_set()
              QStringList({"old", "out", "source"}).mid(in_place ? 1 : 0));
 }
 
-void Tst_save_guarantees::killed_convert_leaves_old_or_new_set()
+void Tst_save_guarantees::killed_save_leaves_old_or_new_set_data()
 {
-    // Smaller sets under the sanitizers (their runs set these variables), which are slow.
-    const int scale = qEnvironmentVariableIsSet("ASAN_OPTIONS") || qEnvironmentVariableIsSet("TSAN_OPTIONS") ? 8 : 1;
+    QTest::addColumn<bool>("in_place");
+    // Into another directory: staged beside it, exchanged with the old set as a whole.
+    QTest::newRow("converts into an older set") << false;
+    // In place: a large main file alone, staged beside it and renamed over it.
+    QTest::newRow("saves of a main file in place") << true;
+}
+
+void Tst_save_guarantees::killed_save_leaves_old_or_new_set()
+{
+    QFETCH(bool, in_place);
+    const int scale = Ktd_test::sanitized ? 8 : 1; // the sanitizers are slow
     QTemporaryDir tmp;
     const QString a = tmp.filePath("a"), b = tmp.filePath("b"), out = tmp.filePath("out");
-    make_set(a, "set A", 2000 / scale, 2000 / scale, (1 << 20) / scale);
-    make_set(b, "set B", 1000 / scale, 3000 / scale, (1 << 19) / scale);
-    QVERIFY(save_set(b, tmp.filePath("reference")));
-    const Snapshot set_b = snapshot(tmp.filePath("reference"));
-    QVERIFY(save_set(a, out));
+    if (in_place) {
+        QVERIFY(make_set(out, "old", 20000 / scale, 0, 0));
+    } else {
+        QVERIFY(make_set(a, "set A", 2000 / scale, 2000 / scale, (1 << 20) / scale));
+        QVERIFY(make_set(b, "set B", 1000 / scale, 3000 / scale, (1 << 19) / scale));
+    }
+    const QStringList sources = in_place ? QStringList{out} : QStringList{b, a};
+    QVERIFY(save_set(sources.first(), out, "set B"));
+    const Snapshot set_b = snapshot(out);
+    QVERIFY(save_set(sources.last(), out, "set A"));
     const Snapshot set_a = snapshot(out);
-    QVERIFY(set_a.size() == 3 && set_b.size() == 3 && set_a != set_b);
+    QVERIFY(set_a.size() == (in_place ? 1 : 3) && set_b.size() == set_a.size() && set_a != set_b);
+    // Temporaries of a save (beside the files in place, beside the directory else).
+    const auto temporaries = [&] {
+        return QDir(in_place ? out : tmp.path()).entryList({".*.ktdtmp"}, QDir::AllEntries | QDir::Hidden).size();
+    };
 
-    int kills = 0, during_save = 0;
-    QElapsedTimer total;
-    total.start();
-    while (kills < 50) {
-        // The child converts B and A into `out` in turn, for ever.
-        QScopedPointer<QProcess> p(start_child("loop", {b, a}, out));
+    int during_save = 0;
+    for (int kills = 1; kills <= 50; ++kills) {
+        // The child saves B and A into `out` in turn, for ever.
+        QScopedPointer<QProcess> p(start_child("loop", sources, out, {"set B", "set A"}));
         QVERIFY(p->waitForStarted(10000));
         QByteArray said;
         QElapsedTimer first;
@@ -235,16 +243,23 @@ void Tst_save_guarantees::killed_convert_leaves_old_or_new_set()
             said += p->readAllStandardOutput();
         }
         const qint64 save_ms = qMax<qint64>(2, first.elapsed() / 2);
-        QThread::usleep(QRandomGenerator::global()->bounded(quint32(2 * save_ms * 1000)));
+        if (kills % 2) {
+            // Anywhere within the next two saves: loading, writing, syncing or renaming.
+            QThread::usleep(QRandomGenerator::global()->bounded(quint32(2 * save_ms * 1000)));
+        } else {
+            // Once a temporary is there, at a random moment of writing or syncing it.
+            QElapsedTimer wait;
+            wait.start();
+            while (!temporaries() && wait.elapsed() < 4 * save_ms)
+                QThread::usleep(100);
+            QThread::usleep(QRandomGenerator::global()->bounded(2000u));
+        }
         p->kill(); // SIGKILL
         QVERIFY(p->waitForFinished(10000));
-        ++kills;
-        if (!QDir(tmp.path()).entryList({".out.*.ktdtmp"}, QDir::Dirs | QDir::Hidden).isEmpty())
-            ++during_save;
-        const Snapshot now = snapshot(out);
+        during_save += temporaries() ? 1 : 0;
+        const Snapshot now = snapshot(out, false);
         QVERIFY2(now == set_a || now == set_b, qPrintable(QString("after kill %1: %2").arg(kills).arg(QStringList(now.keys()).join(' '))));
     }
-    qInfo("%d kills, %d during a save, %lld ms", kills, during_save, total.elapsed());
     QVERIFY2(during_save > 0, "no kill landed during a save: the test proved nothing");
 }
 
@@ -260,13 +275,12 @@ void Tst_save_guarantees::concurrent_saves_end_with_one_set()
     QFETCH(bool, in_place);
     QTemporaryDir tmp;
     const QString a = tmp.filePath("a"), b = tmp.filePath("b"), out = tmp.filePath("out");
-    make_set(a, "set A", 500, 500);
-    make_set(b, "set B", 400, 600);
+    QVERIFY(make_set(a, "set A", 500, 500) && make_set(b, "set B", 400, 600));
     if (in_place)
-        make_set(out, "set O", 500, 500);
+        QVERIFY(make_set(out, "set O", 500, 500));
     const int times = 15;
-    QScopedPointer<QProcess> first(start_child(QString("times:%1").arg(times), {in_place ? out : a}, out, "first"));
-    QScopedPointer<QProcess> second(start_child(QString("times:%1").arg(times), {in_place ? out : b}, out, "second"));
+    QScopedPointer<QProcess> first(start_child(QString("times:%1").arg(times), {in_place ? out : a}, out, {"first"}));
+    QScopedPointer<QProcess> second(start_child(QString("times:%1").arg(times), {in_place ? out : b}, out, {"second"}));
     for (QProcess* p : {first.data(), second.data()}) {
         QVERIFY(p->waitForFinished(300000));
         QVERIFY2(p->exitCode() == 0, p->readAllStandardError().constData());
@@ -305,19 +319,17 @@ void Tst_save_guarantees::links_change_nothing_outside()
     QTemporaryDir tmp;
     const QString source = tmp.filePath("source"), out = tmp.filePath("out"), victim = tmp.filePath("victim");
     const QByteArray secret = "<XFC><CTR A=\"CTR7\" B=\"secret\"/></XFC>";
-    write(victim, secret);
+    QVERIFY(Ktd_test::write_files(tmp.path(), {{"victim", secret}}));
     QFile::setPermissions(victim, QFile::ReadOwner | QFile::WriteOwner);
-    make_set(source, "source");
-    make_set(out, "old");
+    QVERIFY(make_set(source, "source") && make_set(out, "old"));
     const QString planted = tmp.filePath(link);
     QFile::remove(planted);
     QVERIFY(QFile::link(victim, planted));
     Symlink_policy::set_followed(follow);
-    Ktd_test::Capture_fd quiet(2);
-    const bool ok = save_set(in_place ? out : source, out, "changed");
+    const bool ok = Ktd_test::quietly([&] { return save_set(in_place ? out : source, out, "changed"); });
     Symlink_policy::set_followed(false);
     QCOMPARE(ok, saved);
-    QCOMPARE(read(victim), secret);
+    QCOMPARE(read_file(victim), secret);
     QVERIFY(QFileInfo(victim).isFile() && !QFileInfo(victim).isSymLink());
     // The secret reaches the output only when links are allowed, and then with its permissions.
     QByteArray everything;
