@@ -126,6 +126,7 @@ void Tst_attributes::read_and_write_data()
     QTest::newRow("float exact text") << "north" << "52.123456789" << true << "52.12345678900000" << "52.12345678900000";
     QTest::newRow("float negative zero keeps sign") << "north" << "-0" << true << "-0.00000000000000" << "-0.00000000000000";
     QTest::newRow("float tiny") << "north" << "1e-15" << true << "0.00000000000000" << "0.00000000000000";
+    QTest::newRow("float empty") << "north" << "" << false << "" << "";
     QTest::newRow("float clamps") << "north" << "91" << true << "90.00000000000000" << "90.00000000000000";
     QTest::newRow("inf is no number") << "north" << "-inf" << false << "0.00000000000000" << "0.00000000000000";
     QTest::newRow("nan is no number") << "north" << "nan" << false << "0.00000000000000" << "0.00000000000000";
@@ -138,6 +139,7 @@ void Tst_attributes::read_and_write_data()
                                               << QString("abc\U0001F600xyz") << QString("abc\U0001F600");
     QTest::newRow("string empty") << "label" << "" << true << "" << "";
     // A date-time keeps its form; version 3 writes it without fraction and zone.
+    QTest::newRow("date-time empty") << "time" << "" << true << "" << "";
     QTest::newRow("date-time without zone") << "time" << "2016-05-12T13:54:59" << true << "2016-05-12T13:54:59"
                                             << "2016-05-12T13:54:59";
     QTest::newRow("date-time utc with ms") << "time" << "2021-03-18T22:00:00.000Z" << true << "2021-03-18T22:00:00.000Z"

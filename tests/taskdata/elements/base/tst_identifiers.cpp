@@ -159,6 +159,7 @@ void Tst_identifiers::identifiers_read_data()
         << QStringList{R"(<WKR A="WKR-1" B="a")", R"(<WKR A="WKR-2" B="b")", R"(<WKR A="WKR0" B="c")", R"(<WKR A="WKR1" B="d")"} << 0;
     // The element kind decides the code, whatever the file says.
     QTest::newRow("foreign code") << QByteArray(R"(<TSK A="XYZ5" G="1"/>)") << QStringList{R"(<TSK A="TSK5")"} << 0;
+    QTest::newRow("empty identifier written empty") << QByteArray(R"(<CTR A="" B="c"/>)") << QStringList{R"(<CTR A="" B="c")"} << 0;
     // A link to a target that never came is kept as read; an empty one is not written.
     QTest::newRow("unresolved link kept") << QByteArray(R"(<TSK A="TSK1" C="CTR9" E="" G="1"/>)")
                                           << QStringList{R"(C="CTR9")", "!E="} << 1;

@@ -1,8 +1,9 @@
 // The model under threads: eight threads create, erase, add again, renumber and link fields,
 // tasks, products and numbered points while a ninth saves the document now and then. Afterwards
 // every identifier is unique and not 0, the registry and the tree name the same elements, no link
-// waits for a number that is there, and every saved directory loads, keeps its identifiers unique
-// and is valid against the schema.
+// waits for a number that is there, and every saved file is well-formed, writes every element
+// with its own identifier (a save never sees an element between made and numbered) and is valid
+// against the schema.
 #include <taskdata/common/XML_interface.h>
 #include <taskdata/elements/base/Catalogue.h>
 #include <taskdata/elements/base/Element_list.h>
@@ -359,10 +360,6 @@ void Tst_model_stress::eight_editors_and_a_saver()
     for (const QString& dir : saved) {
         const QString written = file_identifier_faults(QDir(dir).filePath("TASKDATA.XML"));
         QVERIFY2(written.isEmpty(), qPrintable(dir + ": " + written));
-        auto man = Element_man::create();
-        XML_interface xi(dir);
-        Ktd_test::Capture_fd trace(2);
-        QVERIFY2(xi.load(man), qPrintable(dir + ": " + xi.fail_text()));
     }
     KTD_REQUIRE_SHARED(shared);
     if (Ktd_test::xmllint().isEmpty())
