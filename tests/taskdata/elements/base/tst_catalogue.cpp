@@ -118,10 +118,7 @@ QByteArray write_element(const QSharedPointer<Element>& e, int version, bool kee
 bool read_into(const QSharedPointer<Element>& e, const QByteArray& xml, XML_interface& xi)
 {
     QXmlStreamReader r(xml);
-    while (!r.atEnd())
-        if (r.readNext() == QXmlStreamReader::StartElement)
-            return e->load_xml(e, r, xi);
-    return false;
+    return r.readNextStartElement() && e->load_xml(e, r, xi);
 }
 
 void count_tree(const Element* e, QMap<QString, int>& counts)
