@@ -1,6 +1,7 @@
 #include "XML_interface_private.h"
 
 #include "Autosave.h"
+#include "Autosave_dispatcher.h"
 #include "Background_thread.h"
 #include "XML_interface.h"
 
@@ -39,6 +40,9 @@ void XML_interface_private::sync()
         QCoreApplication::postEvent(target, new Elements::Client::Flush_qt_event(
                                                 QSharedPointer<const Flush_event>::create(Flush_event{done})),
                                     Qt::LowEventPriority);
+        // Its thread may be asleep until a pending timer: a flush does not wait for that.
+        if (dispatcher && autosave_thread == thread)
+            dispatcher->wake_now();
     }
     // An autosave torn down first drops the flush with its other events.
     while (!done.tryAcquire(1, 20)) {
@@ -57,6 +61,7 @@ void XML_interface_private::clear_autosave()
         QMutexLocker guard(&lock);
         t = thread;
         thread = nullptr;
+        dispatcher = nullptr;
         if (!t) {
             a = autosave;
             autosave = nullptr;
@@ -94,9 +99,12 @@ QObject* XML_interface::set_autosave(const Elements::Client::Element_man& eman, 
     QSemaphore started;
     auto t = new XML_interface_private::Background_thread(*this, eman, &started, delay_ms);
     t->setObjectName(QStringLiteral("XML Autosave"));
+    auto dispatcher = new XML_interface_private::Autosave_dispatcher;
+    t->setEventDispatcher(dispatcher);
     {
         QMutexLocker guard(&d.lock);
         d.thread = t;
+        d.dispatcher = dispatcher;
     }
     t->start(QThread::InheritPriority);
     started.acquire(); // the autosave object exists now

@@ -24,6 +24,7 @@ class KTD_EXPORT XML_interface_private
 public:
     class Autosave;
     class Background_thread;
+    class Autosave_dispatcher;
 
     explicit XML_interface_private(XML_interface& xml) : xml(xml) {}
     ~XML_interface_private();
@@ -43,6 +44,7 @@ public:
     Autosave* autosave = nullptr;
     QThread* autosave_thread = nullptr; // the thread the autosave lives on
     Background_thread* thread = nullptr;
+    Autosave_dispatcher* dispatcher = nullptr; // the thread's, owned by it
 };
 
 } // namespace Task_data

@@ -2,6 +2,7 @@
 // flush waits for, and a child process killed while it edits and autosaves, whose directory must
 // keep every change it confirmed.
 #include <taskdata/common/Autosave.h>
+#include <taskdata/common/Autosave_dispatcher.h>
 #include <taskdata/common/XML_interface.h>
 #include <taskdata/elements/client/Elements.h>
 
@@ -97,6 +98,7 @@ private slots:
     void deleted_element_writes_nothing();
     void sync_puts_everything_on_disk_data();
     void sync_puts_everything_on_disk();
+    void burst_does_not_wake_the_thread();
     void killed_while_saving_keeps_what_it_confirmed();
 };
 
@@ -180,6 +182,26 @@ void tst_autosave::deleted_element_writes_nothing()
     QCOMPARE(a->writes() - before, before_delivery ? 1 : 0); // the root, for the removal
     QCOMPARE(err.text().section(QLatin1Char('\n'), 0, 0), message);
     QCOMPARE(file(doc.dir.path(), own_name), own);
+}
+
+// On its own thread, the changes of a burst after the first do not wake the autosave (each wake
+// is a system call on the changing thread); they wait for the delay, and a flush for nothing.
+void tst_autosave::burst_does_not_wake_the_thread()
+{
+    Document doc;
+    QVERIFY(doc.xi.set_autosave(doc.eman, true, 60000));
+    const auto dispatcher = XML_interface_private::of(doc.xi).dispatcher;
+    QVERIFY(dispatcher);
+    for (int i = 0; i < 20; ++i) {
+        QVERIFY(doc.customer.set_designator(QStringLiteral("Burst %1").arg(i)));
+        QThread::msleep(5);
+    }
+    QVERIFY2(dispatcher->early_wakes() <= 2, qPrintable(QString::number(dispatcher->early_wakes())));
+    QElapsedTimer synced;
+    synced.start();
+    doc.xi.autosave_sync();
+    QVERIFY(synced.elapsed() < 30000);
+    QVERIFY(file(doc.dir.path(), "TASKDATA.XML").contains("Burst 19"));
 }
 
 void tst_autosave::sync_puts_everything_on_disk_data()
