@@ -12,6 +12,14 @@ namespace Task_data {
 
 XML_interface_private::Autosave_dispatcher::Autosave_dispatcher() { m_clock.start(); }
 
+XML_interface_private::Autosave_dispatcher::~Autosave_dispatcher()
+{
+    // A quit wakes the thread through interrupt(), and the finishing thread deletes this object
+    // only after QThread::exit() has returned (Qt orders the two with a lock of its own, which the
+    // thread checker cannot see). Taking the mutex interrupt() signals under shows it that order.
+    QMutexLocker guard(&m_mutex);
+}
+
 bool XML_interface_private::Autosave_dispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
 {
     emit awake();

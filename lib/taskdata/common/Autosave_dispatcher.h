@@ -32,6 +32,7 @@ class KTD_EXPORT XML_interface_private::Autosave_dispatcher final : public QAbst
 {
 public:
     Autosave_dispatcher();
+    ~Autosave_dispatcher() override;
 
     bool processEvents(QEventLoop::ProcessEventsFlags flags) override;
     bool hasPendingEvents() override { return m_posted.load(std::memory_order_acquire) != 0; }

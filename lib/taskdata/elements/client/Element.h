@@ -57,6 +57,7 @@ public:
 
     Element() = default;
     Element(const QWeakPointer<Base::Element>& element) : m_element(element) {}
+    Element(QWeakPointer<Base::Element>&& element) : m_element(std::move(element)) {}
     Element(const QSharedPointer<Base::Element>& element) : m_element(element) {}
 
     // --- identity ---

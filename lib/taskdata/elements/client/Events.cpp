@@ -10,33 +10,34 @@ namespace Elements {
 
 namespace Base {
 
+// Each handle costs one reference count on the element, taken once here and then moved: a
+// change with receivers pays for these on its own thread.
 Client::Attribute_update from_base(const Base_attribute_update& e)
 {
-    return Client::Attribute_update(Client::Element(e.element.toWeakRef()),
-                                    e.attribute ? Attributes::Client::Attribute(e.element.toWeakRef(), e.attribute)
-                                                : Attributes::Client::Attribute());
+    QWeakPointer<Element> element = e.element;
+    Attributes::Client::Attribute attribute =
+        e.attribute ? Attributes::Client::Attribute(element, e.attribute) : Attributes::Client::Attribute();
+    return Client::Attribute_update(Client::Element(std::move(element)), std::move(attribute));
 }
 
 Client::Child_added_update from_base(const Base_child_update<child_added>& e)
 {
-    return Client::Child_added_update(Client::Element(e.element.toWeakRef()),
-                                      Client::Element_list(e.element, e.list), e.index);
+    return Client::Child_added_update(Client::Element(e.element), Client::Element_list(e.element, e.list), e.index);
 }
 
 Client::Child_removed_update from_base(const Base_child_update<child_removed>& e)
 {
-    return Client::Child_removed_update(Client::Element(e.element.toWeakRef()),
-                                        Client::Element_list(e.element, e.list), e.index);
+    return Client::Child_removed_update(Client::Element(e.element), Client::Element_list(e.element, e.list), e.index);
 }
 
 Client::Binary_appended_update from_base(const Base_typed_update<binary_appended>& e)
 {
-    return Client::Binary_appended_update(Client::Element(e.element.toWeakRef()));
+    return Client::Binary_appended_update(Client::Element(e.element));
 }
 
 Client::Binary_modified_update from_base(const Base_typed_update<binary_modified>& e)
 {
-    return Client::Binary_modified_update(Client::Element(e.element.toWeakRef()));
+    return Client::Binary_modified_update(Client::Element(e.element));
 }
 
 } // namespace Base
