@@ -20,7 +20,6 @@ namespace Task_data {
 using Elements::Base::Element;
 using Elements::Base::Element_list;
 using Elements::Base::Element_locker_new;
-using Elements::Base::Tree_locker;
 namespace Client = Elements::Client;
 
 
@@ -189,8 +188,9 @@ void XML_interface_private::Autosave::save_individual(const QSharedPointer<Eleme
     QByteArray kind, designator;
     bool ok = false;
     {
-        // The element and what is below it stay as they are while its file is made.
-        const Tree_locker hold({element});
+        // Read element by element on the way down (Element::save_xml); held meanwhile, the
+        // element keeps its children.
+        const Element_locker_new hold(element, -1);
         const quint64 stamp = element->stamp();
         if (!list || !changed(element.data(), stamp))
             return;
@@ -225,6 +225,7 @@ void XML_interface_private::Autosave::changed_individuals(Element* e, Task_data_
     for (unsigned l = 0; l < lists; ++l) {
         Element_list* list = e->_element_list(l);
         for (const QSharedPointer<Element>& c : list->elements()) {
+            const Element_locker_new lock(c, -1);
             if (saved_individually(c.data()) && changed(c.data(), c->stamp())) {
                 saved_stamps.insert(c.data(), c->stamp());
                 QByteArray data;
@@ -261,8 +262,11 @@ void XML_interface_private::Autosave::save_root()
         xml.set_partial_save_state(1);
         Task_data_files::Files files;
         {
-            // Made in memory while the tree is held, written after.
-            const Tree_locker hold({root});
+            // Made in memory, then written. The root is held throughout, so the main file and
+            // the files of individually saved elements it names agree (such elements are its
+            // children); everything below it is read under its own lock on the way down
+            // (Element::save_xml), so a change there waits for one element, not the document.
+            const Element_locker_new hold(root, -1);
             changed_individuals(root.data(), files);
             xml.set_reference_individual_files(true);
             Task_data_files::main_files(xml, man, files);
@@ -283,7 +287,7 @@ void XML_interface_private::Autosave::save_root()
         xml.set_cur_outfilename(QStringLiteral("LINKLIST.XML"));
         bool made;
         {
-            const Tree_locker hold({link_list});
+            const Element_locker_new hold(link_list, -1);
             made = Task_data_files::link_list_file(xml, man, files);
         }
         if (made)

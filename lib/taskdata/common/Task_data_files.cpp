@@ -51,9 +51,14 @@ const QString link_list_name = QStringLiteral("LINKLIST.XML");
 const QString guid_list_name = QStringLiteral("GUIDLIST.XML");
 const QString guid_list_root = QStringLiteral("ISO11783_GuidList");
 
+// Each element is visited under its own lock, taken on the way down and held while its subtree is
+// walked: a change elsewhere in the tree does not wait for the walk.
 template <class F>
 void walk(Element* e, const F& f)
 {
+    // Under a Tree_locker (an explicit save) the thread holds every element already.
+    const Elements::Base::Element_locker_new lock(e->held_by_current_thread() ? QSharedPointer<Element>() : e->get_sp(),
+                                                  -1);
     f(e);
     const unsigned lists = e->_num_element_lists();
     for (unsigned l = 0; l < lists; ++l)
@@ -556,7 +561,11 @@ bool Writer::write_external_files(QSet<QString>& written)
     if (!references)
         return true;
     for (const auto& ref : references->elements()) {
-        const QString base = static_cast<Elements::Base::External_file_reference*>(ref.data())->filename.get_string();
+        QString base;
+        {
+            const Elements::Base::Element_locker_new lock(ref, -1);
+            base = static_cast<Elements::Base::External_file_reference*>(ref.data())->filename.get_string();
+        }
         if (base.isEmpty() || written.contains((base + QStringLiteral(".XML")).toUpper()))
             continue;
         QVector<QSharedPointer<Element>> members;
@@ -717,9 +726,12 @@ QHash<const Element*, QString> external_members(const QSharedPointer<Element_man
 {
     QHash<const Element*, QString> out;
     QSet<QString> references;
-    if (Element_list* list = root->find_list(xfr_tag))
-        for (const auto& ref : list->elements())
+    if (Element_list* list = root->find_list(xfr_tag)) {
+        for (const auto& ref : list->elements()) {
+            const Elements::Base::Element_locker_new lock(ref, -1);
             references.insert(static_cast<Elements::Base::External_file_reference*>(ref.data())->filename.get_string());
+        }
+    }
     for (const auto& o : man->document_origin().external) {
         const QSharedPointer<Element> e = o.first.toStrongRef();
         if (e && e->parent_element() == root.data() && references.contains(o.second))

@@ -12,12 +12,14 @@
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QRegularExpression>
+#include <QSemaphore>
 #include <QTemporaryDir>
 #include <QtTest>
 
 #include <csignal>
 #include <cstdio>
 #include <algorithm>
+#include <memory>
 #include <unistd.h>
 
 using namespace TC::Task_data;
@@ -99,6 +101,7 @@ private slots:
     void sync_puts_everything_on_disk_data();
     void sync_puts_everything_on_disk();
     void burst_does_not_wake_the_thread();
+    void change_waits_for_one_element_not_the_document();
     void killed_while_saving_keeps_what_it_confirmed();
 };
 
@@ -202,6 +205,38 @@ void tst_autosave::burst_does_not_wake_the_thread()
     doc.xi.autosave_sync();
     QVERIFY(synced.elapsed() < 30000);
     QVERIFY(file(doc.dir.path(), "TASKDATA.XML").contains("Burst 19"));
+}
+
+// The writer reads the tree element by element on the way down. Another thread holds a second
+// customer, so the writer stops there with the first customer already written; changing the
+// first one again must not wait for it (with the whole tree held, it waited until the second
+// customer was let go, 3 s later).
+void tst_autosave::change_waits_for_one_element_not_the_document()
+{
+    Document doc;
+    const C::Customer second = doc.eman.get_client_root().create_customer();
+    QVERIFY(second.set_designator(QStringLiteral("Held")));
+    QVERIFY(doc.xi.set_autosave(doc.eman, true, 0));
+    QSemaphore held;
+    QSemaphore release;
+    std::unique_ptr<QThread> holder(QThread::create([&] {
+        const Elements::Base::Element_locker_new lock(second.get_base_elem(), -1);
+        held.release();
+        release.tryAcquire(1, 3000);
+    }));
+    holder->start();
+    held.acquire();
+    QVERIFY(doc.customer.set_designator(QStringLiteral("Written")));
+    QThread::msleep(300); // the writer is now waiting for the held customer
+    QElapsedTimer changing;
+    changing.start();
+    QVERIFY(doc.customer.set_designator(QStringLiteral("Changed meanwhile")));
+    const qint64 waited = changing.elapsed();
+    release.release();
+    holder->wait();
+    QVERIFY2(waited < 1500, qPrintable(QString::number(waited)));
+    doc.xi.autosave_sync();
+    QVERIFY(file(doc.dir.path(), "TASKDATA.XML").contains("Changed meanwhile"));
 }
 
 void tst_autosave::sync_puts_everything_on_disk_data()

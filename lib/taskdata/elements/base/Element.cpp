@@ -348,11 +348,22 @@ Attributes::Base::String* Element::ptr_designator()
 
 QString Element::get_individual_icon() const { return QString(); }
 
+bool Element::save_xml(const QSharedPointer<Element>& self, QXmlStreamWriter& w, XML_interface& xi,
+                       XML_read_write_parts parts)
+{
+    if (held_by_current_thread()) // a Tree_locker holds the whole tree
+        return _save_xml(self, w, xi, parts);
+    const Element_locker_new lock(self, -1);
+    if (!lock) {
+        xi.set_fail(QStringLiteral("The task data is in use"));
+        return false;
+    }
+    return _save_xml(self, w, xi, parts);
+}
+
 bool Element::save_to_individual_xml(const QSharedPointer<Element>& self, QXmlStreamWriter* w, XML_interface& xi)
 {
-    if (!w)
-        return false;
-    return _save_xml(self, *w, xi, xml_part_all);
+    return w && save_xml(self, *w, xi, xml_part_all);
 }
 
 void Element::set_attributes_to_default(const QSharedPointer<Element>& self, bool notify)
@@ -978,9 +989,7 @@ bool Element::set_id(const QSharedPointer<Element>& self, int old_id, int new_id
 bool Element::save_xml(XML_interface& xi)
 {
     QXmlStreamWriter* w = xi.current_writer();
-    if (!w)
-        return false;
-    return _save_xml(get_sp(), *w, xi, xml_part_all);
+    return w && save_xml(get_sp(), *w, xi, xml_part_all);
 }
 
 namespace {

@@ -191,11 +191,11 @@ public:
     bool is_kind(const char* tag) const { return std::strcmp(kind().tag, tag) == 0; }
 
     // --- non-virtual entries ---
+    // Writes the element under its own lock, taken on the way down the tree (a writer holds the
+    // element and its ancestors, or the whole tree through a Tree_locker); false with "The task
+    // data is in use" when the lock cannot be had in the lock order.
     bool save_xml(const QSharedPointer<Element>& self, QXmlStreamWriter& w, XML_interface& xi,
-                  XML_read_write_parts parts = xml_part_all)
-    {
-        return _save_xml(self, w, xi, parts);
-    }
+                  XML_read_write_parts parts = xml_part_all);
     bool load_xml(const QSharedPointer<Element>& self, QXmlStreamReader& r, XML_interface& xi,
                   XML_read_write_parts parts = xml_part_all)
     {
@@ -425,7 +425,9 @@ protected:
 //       - moving a child out of another list, copying from another element: refused (false,
 //         nothing changed) while the other element is busy.
 //  3. Tree_locker keeps a whole document: the document root's tree, then the link list's, each
-//     descending from its root in document order, every lock kept until it ends.
+//     descending from its root in document order, every lock kept until it ends (an explicit
+//     save). Autosave holds only the root and reads the rest element by element on the way down
+//     (Element::save_xml), so an editor waits for the one element being written.
 //  4. Innermost, and nothing is called while they are held: the tree mutex (parent links and
 //     erased marks, held only to read or write them) and the element manager's registry mutex (no
 //     element lock, notification or link completion happens under it).

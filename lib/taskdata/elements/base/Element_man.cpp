@@ -242,7 +242,11 @@ bool Element_man::update_attached_files(XML_interface& xi)
         return true;
     bool ok = true;
     for (const auto& e : files->elements()) {
-        const QString name = static_cast<Attached_file*>(e.data())->filename.get_string();
+        QString name;
+        {
+            const Element_locker_new file_lock(e, -1);
+            name = static_cast<Attached_file*>(e.data())->filename.get_string();
+        }
         if (name.isEmpty() || !File_lookup::find(target, name, true).path.isEmpty())
             continue;
         const QString found = File_lookup::find(source, name, true).path;
