@@ -28,6 +28,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <functional>
+#include <optional>
 
 namespace TC {
 namespace Task_data {
@@ -51,19 +52,23 @@ const QString link_list_name = QStringLiteral("LINKLIST.XML");
 const QString guid_list_name = QStringLiteral("GUIDLIST.XML");
 const QString guid_list_root = QStringLiteral("ISO11783_GuidList");
 
-// Each element is visited under its own lock, taken on the way down and held while its subtree is
-// walked: a change elsewhere in the tree does not wait for the walk.
-template <class F>
+// Visits `e` and everything below it, parents first. Unlocked, the caller answers for the tree
+// (a Tree_locker holds it, or it is being loaded: a lock per element would cost a load about a
+// quarter of its time). Locked, each
+// element is visited under its own lock, taken on the way down and held while its subtree is
+// walked, so that changes elsewhere in the tree go on meanwhile (autosave); an element this
+// thread holds already is not taken again.
+template <bool locked = false, class F>
 void walk(Element* e, const F& f)
 {
-    // Under a Tree_locker (an explicit save) the thread holds every element already.
-    const Elements::Base::Element_locker_new lock(e->held_by_current_thread() ? QSharedPointer<Element>() : e->get_sp(),
-                                                  -1);
+    std::optional<Elements::Base::Element_locker_new> lock;
+    if (locked && !e->held_by_current_thread())
+        lock.emplace(e->get_sp(), -1);
     f(e);
     const unsigned lists = e->_num_element_lists();
     for (unsigned l = 0; l < lists; ++l)
         for (const auto& c : e->_element_list(l)->elements())
-            walk(c.data(), f);
+            walk<locked>(c.data(), f);
 }
 
 // File name attributes that name their file by the element's code and a number, given with
@@ -635,7 +640,8 @@ bool expressible(const QSharedPointer<Element>& root, int version)
     if (version >= 4)
         return true;
     bool fits = true;
-    walk(root.data(), [&](Element* e) {
+    // Also run by autosave, which holds only the root.
+    walk<true>(root.data(), [&](Element* e) {
         if (!fits)
             return;
         const unsigned n = e->_num_iso_attributes();
