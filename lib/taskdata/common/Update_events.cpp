@@ -28,7 +28,7 @@ bool post_flush_and_wait(QObject* receiver)
         return false;
     QPointer<QObject> alive(receiver);
     QSemaphore done;
-    QCoreApplication::postEvent(receiver, new Qt_event<Flush_event>(QSharedPointer<const Flush_event>::create(Flush_event{done})),
+    QCoreApplication::postEvent(receiver, new Qt_event<Flush_event>(Flush_event{done}),
                                 Qt::LowEventPriority);
     // A receiver destroyed first takes the unhandled flush with it; nothing would release us.
     while (!done.tryAcquire(1, 20))

@@ -4,20 +4,22 @@
 // payload; the payload templates are instantiated once with base types (shared pointer to the
 // changed element, raw attribute or list pointer) for the changing side and once with client
 // handles (weak references only) for the receivers. The client payload is shared by every
-// Qt_event posted for one change and freed with the last of them. Event type numbers are
+// Qt_event posted for one change and freed with the last of them; events and payloads are
+// recycled through Event_memory. Event type numbers are
 // registered with Qt on first use, once per kind, whatever thread asks first.
 // Threads: a Sender is used by the changing thread only; a Qt_event is read by the thread of
 // the receiver it was posted to; the payload is immutable once posted.
 #pragma once
 
+#include <taskdata/common/Event_memory.h>
 #include <taskdata/taskdata_export.h>
 
 #include <QCoreApplication>
 #include <QEvent>
 #include <QSemaphore>
-#include <QSharedPointer>
-
 #include <atomic>
+#include <cstddef>
+#include <new>
 #include <utility>
 
 namespace TC {
@@ -92,6 +94,12 @@ class KTD_EXPORT Event_sender
 public:
     virtual ~Event_sender();
     virtual void send(QObject* receiver) = 0;
+    // Called by the delivery walk right before the last send of the change: that event may take
+    // over what the sender holds instead of sharing it.
+    void set_last() { m_last = true; }
+
+protected:
+    bool m_last = false;
 };
 
 // The six registered event type numbers, in this order. A receiver keeps one function-local
@@ -110,33 +118,66 @@ struct KTD_EXPORT Event_types_ids
 } // namespace Client
 } // namespace Elements
 
-// A posted event carrying one shared payload P.
+// One payload shared by the events posted for one change; the last reference frees it. Counted
+// inside the block (one atomic step per event) and kept in Event_memory.
+template <class P>
+class Shared_payload
+{
+public:
+    static Shared_payload* make(P&& value)
+    {
+        return new (Event_memory::take(sizeof(Shared_payload))) Shared_payload(std::move(value));
+    }
+    Shared_payload(const Shared_payload&) = delete;
+    Shared_payload& operator=(const Shared_payload&) = delete;
+    void ref() noexcept { m_refs.fetch_add(1, std::memory_order_relaxed); }
+    void deref() noexcept
+    {
+        if (m_refs.fetch_sub(1, std::memory_order_acq_rel) != 1)
+            return;
+        this->~Shared_payload();
+        Event_memory::give(this, sizeof(Shared_payload));
+    }
+    const P& value() const { return m_value; }
+
+private:
+    explicit Shared_payload(P&& value) : m_value(std::move(value)) {}
+    ~Shared_payload() = default;
+    std::atomic<int> m_refs{1};
+    const P m_value;
+};
+
+// A posted event carrying one shared payload P. Its memory comes from Event_memory: the thread
+// that posts it and the thread that deletes it are usually different.
 template <class P>
 class Qt_event final : public QEvent
 {
 public:
-    explicit Qt_event(QSharedPointer<const P> payload) : QEvent(event_type()), m_payload(std::move(payload))
-    {
-        // Publishes the payload to the receiving thread in terms the thread checker sees
-        // (the queue Qt hands the event through is not instrumented); free on x86.
-        m_published.store(true, std::memory_order_release);
-    }
+    explicit Qt_event(P payload) : Qt_event(Shared_payload<P>::make(std::move(payload))) {}
+    ~Qt_event() override { m_payload->deref(); }
+    Qt_event(const Qt_event&) = delete;
+    Qt_event& operator=(const Qt_event&) = delete;
+    static void* operator new(std::size_t size) { return Event_memory::take(size); }
+    static void operator delete(void* block, std::size_t size) noexcept { Event_memory::give(block, size); }
+
     static QEvent::Type event_type() { return registered_event_type(P::event_slot); }
     const P& payload() const
     {
         (void)m_published.load(std::memory_order_acquire);
-        return *m_payload;
-    }
-    QSharedPointer<const P> shared_payload() const
-    {
-        (void)m_published.load(std::memory_order_acquire);
-        return m_payload;
+        return m_payload->value();
     }
 
     class Sender;
 
 private:
-    QSharedPointer<const P> m_payload;
+    // Takes over one reference of `payload`.
+    explicit Qt_event(Shared_payload<P>* payload) : QEvent(event_type()), m_payload(payload)
+    {
+        // Publishes the payload to the receiving thread in terms the thread checker sees
+        // (the queue Qt hands the event through is not instrumented); free on x86.
+        m_published.store(true, std::memory_order_release);
+    }
+    Shared_payload<P>* m_payload;
     std::atomic<bool> m_published{false};
 };
 
@@ -144,16 +185,28 @@ template <class P>
 class Qt_event<P>::Sender final : public Elements::Client::Event_sender
 {
 public:
-    explicit Sender(QSharedPointer<const P> payload) : m_payload(std::move(payload)) {}
-    explicit Sender(P payload) : m_payload(QSharedPointer<const P>::create(std::move(payload))) {}
+    explicit Sender(P payload) : m_payload(Shared_payload<P>::make(std::move(payload))) {}
+    ~Sender() override
+    {
+        if (m_payload)
+            m_payload->deref();
+    }
+    Sender(const Sender&) = delete;
+    Sender& operator=(const Sender&) = delete;
     void send(QObject* receiver) override
     {
-        QCoreApplication::postEvent(receiver, new Qt_event<P>(m_payload), Qt::NormalEventPriority);
+        Shared_payload<P>* p = m_payload;
+        // The last event takes the sender's reference: the receiving thread may free the payload
+        // as soon as it is posted, so the sender lets go of it first.
+        if (m_last)
+            m_payload = nullptr;
+        else
+            p->ref();
+        QCoreApplication::postEvent(receiver, new Qt_event<P>(p), Qt::NormalEventPriority);
     }
-    const P& payload() const { return *m_payload; }
 
 private:
-    QSharedPointer<const P> m_payload;
+    Shared_payload<P>* m_payload; // null once handed to the last event
 };
 
 // Posts a flush to `receiver` below normal priority and blocks until the receiver handled it

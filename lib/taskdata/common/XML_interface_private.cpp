@@ -37,8 +37,7 @@ void XML_interface_private::sync()
             return;
         }
         // Below the updates' priority: Qt delivers every update already posted to it first.
-        QCoreApplication::postEvent(target, new Elements::Client::Flush_qt_event(
-                                                QSharedPointer<const Flush_event>::create(Flush_event{done})),
+        QCoreApplication::postEvent(target, new Elements::Client::Flush_qt_event(Flush_event{done}),
                                     Qt::LowEventPriority);
         // Its thread may be asleep until a pending timer: a flush does not wait for that.
         if (dispatcher && autosave_thread == thread)

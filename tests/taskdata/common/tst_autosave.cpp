@@ -146,8 +146,8 @@ void tst_autosave::writes()
     const QString traced = err.text();
     QVERIFY2(QRegularExpression(trace.isEmpty() ? "^$" : trace).match(traced).hasMatch(), qPrintable(traced));
     const C::Element changed = own_file ? C::Element(doc.task) : C::Element(doc.customer);
-    QCoreApplication::postEvent(a, new C::Attribute_update_qt_event(QSharedPointer<const C::Attribute_update>::create(
-                                       changed, TC::Task_data::Attributes::Client::Attribute())));
+    QCoreApplication::postEvent(a, new C::Attribute_update_qt_event(
+                                       C::Attribute_update(changed, TC::Task_data::Attributes::Client::Attribute())));
     QCoreApplication::sendPostedEvents(a);
     a->save_queued_elements();
     QCOMPARE(a->writes() - before, 1);

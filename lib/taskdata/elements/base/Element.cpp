@@ -89,9 +89,16 @@ Element::Extras::~Extras()
 {
     for (auto& a : attributes)
         delete a.second;
-    // The watches of receivers that outlive the element have nothing left to guard.
-    for (const auto& r : receivers)
-        QObject::disconnect(r.second);
+    // The watches of receivers that outlive the element have nothing left to guard; a walk that
+    // still holds the block finds no entry to post to.
+    {
+        QMutexLocker guard(&receivers->lock);
+        for (const auto& r : qAsConst(receivers->list))
+            QObject::disconnect(r.second);
+        receivers->list.clear();
+        receivers->entries.store(0, std::memory_order_release);
+    }
+    receivers->deref();
 }
 
 Element::Extras* Element::Extras_ptr::get_or_create()
@@ -797,7 +804,7 @@ void Element::notify_attribute_updated(const QSharedPointer<Element>& self, Attr
     if (!_notify_updated(self, attribute, nullptr, &listeners))
         return;
     if (const Event_hooks* h = event_hooks())
-        h->post_attribute(Base_attribute_update(self, attribute), listeners);
+        h->post_attribute(self, attribute, listeners);
 }
 
 void Element::notify_updated(const Base_attribute_update& event)
@@ -806,7 +813,7 @@ void Element::notify_updated(const Base_attribute_update& event)
     if (!event.element || !_notify_updated(event.element, event.attribute, nullptr, &listeners))
         return;
     if (const Event_hooks* h = event_hooks())
-        h->post_attribute(event, listeners);
+        h->post_attribute(event.element, event.attribute, listeners);
 }
 
 void Element::notify_changed(unsigned update_type)
@@ -847,8 +854,7 @@ void Element::notify_binary_appended(const QSharedPointer<Element>& self)
         Tree_guard tree;
         for (Element* e = this; e; e = e->m_parent)
             if (e->receiver_count() != 0)
-                if (QSharedPointer<Element> keep = e == this ? self : e->sharedFromThis())
-                    listeners.append(std::move(keep));
+                listeners.append(Receivers_ref(e->m_extras->receivers));
     }
     if (!listeners.isEmpty())
         h->post_binary_appended(Base_typed_update<binary_appended>(self), listeners);
@@ -882,18 +888,15 @@ bool Element::_notify_updated(const QSharedPointer<Element>& self, Attribute* at
             Extras* x = e->m_extras.get();
             if (!x)
                 continue;
-            const bool receivers = x->receiver_entries.load(std::memory_order_acquire) != 0;
+            const bool receivers = x->receivers->entries.load(std::memory_order_acquire) != 0;
             const bool named = hooks && !x->named_signals.empty();
             listening |= receivers;
-            if (!named && !(receivers && listeners && hooks))
-                continue;
-            // An ancestor whose last reference is gone is being destroyed: not served.
-            QSharedPointer<Element> keep = e == this ? self : e->sharedFromThis();
-            if (!keep)
-                continue;
             if (receivers && listeners && hooks)
-                listeners->append(keep);
-            if (named)
+                listeners->append(Receivers_ref(x->receivers));
+            if (!named)
+                continue;
+            // An ancestor whose last reference is gone is being destroyed: its slots are not called.
+            if (QSharedPointer<Element> keep = e == this ? self : e->sharedFromThis())
                 signalled.append(std::move(keep));
         }
     }
@@ -904,15 +907,24 @@ bool Element::_notify_updated(const QSharedPointer<Element>& self, Attribute* at
 
 void Element::_post_event(Elements::Client::Event_sender& sender, const Listeners& listeners)
 {
-    for (const QSharedPointer<Element>& e : listeners) {
-        Extras* x = e->m_extras.get();
-        QMutexLocker guard(&x->receivers_lock);
+    for (int l = 0; l < listeners.size(); ++l) {
+        Receivers* x = listeners[l].operator->();
+        QMutexLocker guard(&x->lock);
+        // The sender may give its own hold on the payload to the last event it posts.
+        int last_live = -1;
+        if (l + 1 == listeners.size())
+            for (int i = x->list.size() - 1; i >= 0 && last_live < 0; --i)
+                if (!x->list.at(i).first.isNull())
+                    last_live = i;
         bool dead = false;
-        for (const auto& r : qAsConst(x->receivers)) {
-            if (QObject* o = r.first.data())
+        for (int i = 0; i < x->list.size(); ++i) {
+            if (QObject* o = x->list.at(i).first.data()) {
+                if (i == last_live)
+                    sender.set_last();
                 sender.send(o);
-            else
+            } else {
                 dead = true;
+            }
         }
         if (dead) {
             auto gone = [](const QPair<Event_receiver, QMetaObject::Connection>& r) {
@@ -921,8 +933,8 @@ void Element::_post_event(Elements::Client::Event_sender& sender, const Listener
                 QObject::disconnect(r.second);
                 return true;
             };
-            x->receivers.erase(std::remove_if(x->receivers.begin(), x->receivers.end(), gone), x->receivers.end());
-            x->receiver_entries.store(x->receivers.size(), std::memory_order_release);
+            x->list.erase(std::remove_if(x->list.begin(), x->list.end(), gone), x->list.end());
+            x->entries.store(x->list.size(), std::memory_order_release);
         }
     }
 }
@@ -938,14 +950,15 @@ bool Element::register_for_events(const QSharedPointer<Element>& self, QObject* 
     const QMetaObject::Connection watch = QObject::connect(receiver, &QObject::destroyed, [weak] {
         if (const QSharedPointer<Element> e = weak.toStrongRef()) {
             if (Extras* ex = e->m_extras.get()) {
-                ex->receivers_lock.lock();
-                ex->receivers_lock.unlock();
+                ex->receivers->lock.lock();
+                ex->receivers->lock.unlock();
             }
         }
     });
-    QMutexLocker guard(&x.receivers_lock);
-    x.receivers.append(qMakePair(Event_receiver(receiver), watch));
-    x.receiver_entries.store(x.receivers.size(), std::memory_order_release);
+    Receivers& r = *x.receivers;
+    QMutexLocker guard(&r.lock);
+    r.list.append(qMakePair(Event_receiver(receiver), watch));
+    r.entries.store(r.list.size(), std::memory_order_release);
     return true;
 }
 
@@ -954,22 +967,23 @@ bool Element::unregister_for_events(QObject* receiver)
     Extras* x = m_extras.get();
     if (!x || !receiver)
         return false;
-    QMutexLocker guard(&x->receivers_lock);
-    const int before = x->receivers.size();
+    Receivers& r = *x->receivers;
+    QMutexLocker guard(&r.lock);
+    const int before = r.list.size();
     for (int i = before - 1; i >= 0; --i) {
-        if (x->receivers.at(i).first.data() == receiver) {
-            QObject::disconnect(x->receivers.at(i).second);
-            x->receivers.remove(i);
+        if (r.list.at(i).first.data() == receiver) {
+            QObject::disconnect(r.list.at(i).second);
+            r.list.remove(i);
         }
     }
-    x->receiver_entries.store(x->receivers.size(), std::memory_order_release);
-    return x->receivers.size() != before;
+    r.entries.store(r.list.size(), std::memory_order_release);
+    return r.list.size() != before;
 }
 
 int Element::receiver_count() const
 {
     Extras* x = m_extras.get();
-    return x ? x->receiver_entries.load(std::memory_order_acquire) : 0;
+    return x ? x->receivers->entries.load(std::memory_order_acquire) : 0;
 }
 
 Util::Signal_sender& Element::signal_sender() { return extras().named_signals; }
@@ -1347,9 +1361,11 @@ Element_locker_new::Element_locker_new(const QSharedPointer<Element>& element, i
 {
     if (m_element) {
         Element* e = m_element.data();
-        // Out of the lock order a busy lock is not waited for: that wait could close a cycle.
-        const bool may_wait = e->held_by_current_thread() || e->may_wait_for_lock();
-        m_locked = e->try_lock(may_wait ? timeout_ms : 0);
+        // A free lock is taken at once: only a wait could close a cycle. Whether waiting keeps
+        // the lock order is asked only when the lock is busy, because it reads the parent links
+        // under the tree mutex every change takes (a writer locking each element it writes
+        // would otherwise take that mutex as often as it writes an element).
+        m_locked = e->try_lock(0) || (timeout_ms != 0 && e->may_wait_for_lock() && e->try_lock(timeout_ms));
     }
     if (!m_locked)
         m_element.reset();

@@ -84,9 +84,62 @@ using Base_typed_update = Typed_update_event<T, QSharedPointer<Element>>;
 // A receiver of update events: guarded, it turns null when the object is destroyed.
 using Event_receiver = QPointer<QObject>;
 
-// The elements of one change's walk that have event receivers, leaf first, kept alive until
-// their receivers were served (an ancestor taken out of the tree meanwhile stays valid).
-using Listeners = QVarLengthArray<QSharedPointer<Element>, 4>;
+// The event receivers of one element. Its entries are guarded by `lock`, not the element's data
+// lock. Each entry has a watch on its object's destruction that takes `lock`: a receiver is never
+// posted to once its destruction began. `entries` counts entries (dead ones too) for a lock-free
+// test on the changing thread. Counted: the element holds one reference, and a delivery walk
+// holds one until it has posted, so a change keeps this block alive instead of the element (a
+// weak-to-strong promotion cost every change with a receiver more than this count does). When the
+// element goes, its entries are cleared under the lock: a walk still holding the block posts
+// nothing after that.
+class KTD_EXPORT Receivers
+{
+public:
+    QBasicMutex lock;
+    QVector<QPair<Event_receiver, QMetaObject::Connection>> list;
+    std::atomic<int> entries{0};
+
+    void ref() noexcept { m_refs.fetch_add(1, std::memory_order_relaxed); }
+    void deref() noexcept
+    {
+        if (m_refs.fetch_sub(1, std::memory_order_acq_rel) == 1)
+            delete this;
+    }
+
+private:
+    std::atomic<int> m_refs{1};
+};
+
+// One counted reference to a Receivers block.
+class Receivers_ref
+{
+public:
+    Receivers_ref() = default;
+    explicit Receivers_ref(Receivers* r) : m_r(r) { m_r->ref(); }
+    Receivers_ref(const Receivers_ref& o) : m_r(o.m_r)
+    {
+        if (m_r)
+            m_r->ref();
+    }
+    Receivers_ref(Receivers_ref&& o) noexcept : m_r(o.m_r) { o.m_r = nullptr; }
+    Receivers_ref& operator=(Receivers_ref o) noexcept
+    {
+        std::swap(m_r, o.m_r);
+        return *this;
+    }
+    ~Receivers_ref()
+    {
+        if (m_r)
+            m_r->deref();
+    }
+    Receivers* operator->() const { return m_r; }
+
+private:
+    Receivers* m_r = nullptr;
+};
+
+// The receivers met on one change's walk up the tree, leaf first.
+using Listeners = QVarLengthArray<Receivers_ref, 4>;
 
 // How a change reaches receivers and named signals in client terms. This layer cannot name the
 // client handles, so the client layer fills this table when the library is loaded; until then
@@ -94,7 +147,10 @@ using Listeners = QVarLengthArray<QSharedPointer<Element>, 4>;
 struct Event_hooks
 {
     // Convert to the client payload and post it to the listeners' receivers (_post_event).
-    void (*post_attribute)(const Base_attribute_update&, const Listeners&);
+    // An attribute change comes as its parts: a Base_attribute_update would cost the changing
+    // thread a copy of the element's shared pointer for nothing.
+    void (*post_attribute)(const QSharedPointer<Element>& element, Attributes::Base::Attribute* attribute,
+                           const Listeners&);
     void (*post_child_added)(const Base_child_update<child_added>&, const Listeners&);
     void (*post_child_removed)(const Base_child_update<child_removed>&, const Listeners&);
     void (*post_binary_appended)(const Base_typed_update<binary_appended>&, const Listeners&);
@@ -349,13 +405,7 @@ protected:
         QVector<QPair<QString, Attribute*>> attributes; // in document order
         QHash<QString, int> attribute_index;             // name -> position in attributes
         QMap<QString, QVariant> parameters;
-        // Guarded by receivers_lock, not the data lock. Each entry has a watch on its object's
-        // destruction that takes receivers_lock: a receiver is never posted to once its
-        // destruction began. receiver_entries counts entries (dead ones too) for a lock-free
-        // test on the changing thread.
-        QBasicMutex receivers_lock;
-        QVector<QPair<Event_receiver, QMetaObject::Connection>> receivers;
-        std::atomic<int> receiver_entries{0};
+        Receivers* const receivers = new Receivers; // one reference, dropped with the extras
         Util::Signal_sender named_signals;
         // Child elements of other makers ("P094_..."): not part of the tree, kept as XML text
         // so that they are written back inside their element when proprietary content is kept.

@@ -12,13 +12,16 @@ namespace Base {
 
 // Each handle costs one reference count on the element, taken once here and then moved: a
 // change with receivers pays for these on its own thread.
-Client::Attribute_update from_base(const Base_attribute_update& e)
+namespace {
+Client::Attribute_update attribute_update(const QSharedPointer<Element>& e, Attributes::Base::Attribute* a)
 {
-    QWeakPointer<Element> element = e.element;
-    Attributes::Client::Attribute attribute =
-        e.attribute ? Attributes::Client::Attribute(element, e.attribute) : Attributes::Client::Attribute();
+    QWeakPointer<Element> element = e;
+    Attributes::Client::Attribute attribute = a ? Attributes::Client::Attribute(element, a) : Attributes::Client::Attribute();
     return Client::Attribute_update(Client::Element(std::move(element)), std::move(attribute));
 }
+} // namespace
+
+Client::Attribute_update from_base(const Base_attribute_update& e) { return attribute_update(e.element, e.attribute); }
 
 Client::Child_added_update from_base(const Base_child_update<child_added>& e)
 {
@@ -53,6 +56,13 @@ void post(const B& e, const Base::Listeners& listeners)
     Base::Element::_post_event(sender, listeners);
 }
 
+void post_attribute(const QSharedPointer<Base::Element>& element, Attributes::Base::Attribute* attribute,
+                    const Base::Listeners& listeners)
+{
+    Qt_event<Client::Attribute_update>::Sender sender(Base::attribute_update(element, attribute));
+    Base::Element::_post_event(sender, listeners);
+}
+
 void emit_updated(Util::Signal_sender& signals_of, const QSharedPointer<Base::Element>& element,
                   Attributes::Base::Attribute* attribute)
 {
@@ -68,7 +78,7 @@ void emit_updated(Util::Signal_sender& signals_of, const QSharedPointer<Base::El
 }
 
 const Base::Event_hooks hooks = {
-    &post<Base::Base_attribute_update>,
+    &post_attribute,
     &post<Base::Base_child_update<child_added>>,
     &post<Base::Base_child_update<child_removed>>,
     &post<Base::Base_typed_update<binary_appended>>,
