@@ -5,8 +5,8 @@
 // changed element, raw attribute or list pointer) for the changing side and once with client
 // handles (weak references only) for the receivers. The client payload is shared by every
 // Qt_event posted for one change and freed with the last of them; events and payloads are
-// recycled through Event_memory. Event type numbers are
-// registered with Qt on first use, once per kind, whatever thread asks first.
+// recycled through Event_memory. Event type numbers are registered with Qt on first use, once
+// per kind, whatever thread asks first.
 // Threads: a Sender is used by the changing thread only; a Qt_event is read by the thread of
 // the receiver it was posted to; the payload is immutable once posted.
 #pragma once
@@ -17,6 +17,7 @@
 #include <QCoreApplication>
 #include <QEvent>
 #include <QSemaphore>
+
 #include <atomic>
 #include <cstddef>
 #include <new>
